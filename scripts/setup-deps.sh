@@ -1,0 +1,14 @@
+#!/bin/sh
+# Installs the build and test dependencies that are missing (Debian/Ubuntu).
+set -eu
+pkgs="cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev locales binutils git"
+missing=""
+for p in $pkgs; do
+    dpkg -s "$p" >/dev/null 2>&1 || missing="$missing $p"
+done
+if [ -n "$missing" ]; then
+    echo "installing:$missing"
+    if [ "$(id -u)" -ne 0 ]; then sudo=sudo; else sudo=; fi
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq $missing
+fi
