@@ -253,6 +253,8 @@ TEST(ParseCorpus, RowDimensionMustMatch) {
         {"1,2;a,b", 2, "quorvane: invalid number near 'a,b'"},
         {"1,2;3,1e999", 2, "quorvane: value out of range"},
         {"[[1,2],[3;4]]", 2, "quorvane: corpus row 1 has dim 1, expected 2"},
+        // The head trim drops blanks and '[' but not commas.
+        {"1; ,[ ]", 1, "quorvane: vector must have at least one element"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.text);
