@@ -1,20 +1,20 @@
-# Fills the four build stamps that the library carries in its constant data.
-# The date is UTC and honours SOURCE_DATE_EPOCH (string(TIMESTAMP) reads it),
-# so reproducible builds get a fixed date. The clean flag is 1 when the
-# source tree is a git checkout without uncommitted changes, else 0.
-string(TIMESTAMP QVN_STAMP_DATE "%Y-%m-%dT%H:%M:%SZ" UTC)
-set(QVN_STAMP_VARIANT "${QVN_BUILD_VARIANT}")
-set(QVN_STAMP_CLEAN 0)
-find_package(Git QUIET)
-if(GIT_FOUND)
-  execute_process(COMMAND ${GIT_EXECUTABLE} status --porcelain --untracked-files=no
-    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
-    RESULT_VARIABLE qvn_git_rc OUTPUT_VARIABLE qvn_git_out ERROR_QUIET)
-  if(qvn_git_rc EQUAL 0 AND qvn_git_out STREQUAL "")
-    set(QVN_STAMP_CLEAN 1)
-  endif()
+# The four build stamps the shared library carries in its constant data.
+# They are written at build time (every build), not at configure time, so
+# the date and the clean flag describe the build that made the library.
+if(NOT QVN_BUILD_VARIANT MATCHES "^[A-Za-z0-9_.-]+$")
+  message(FATAL_ERROR "QVN_BUILD_VARIANT must match [A-Za-z0-9_.-]+ (got '${QVN_BUILD_VARIANT}')")
 endif()
-set(QVN_STAMP_HOST "${CMAKE_HOST_SYSTEM_NAME} ${CMAKE_HOST_SYSTEM_VERSION} ${CMAKE_HOST_SYSTEM_PROCESSOR}")
-configure_file(${PROJECT_SOURCE_DIR}/cmake/build_stamps.cpp.in
-  ${PROJECT_BINARY_DIR}/generated/build_stamps.cpp @ONLY)
-set(QVN_GENERATED_SOURCES ${PROJECT_BINARY_DIR}/generated/build_stamps.cpp)
+set(QVN_STAMPS_SOURCE ${PROJECT_BINARY_DIR}/generated/build_stamps.cpp)
+find_package(Git QUIET)
+add_custom_target(qvn_build_stamps
+  COMMAND ${CMAKE_COMMAND}
+    -DSOURCE_DIR=${PROJECT_SOURCE_DIR}
+    -DOUTPUT=${QVN_STAMPS_SOURCE}
+    -DTEMPLATE=${PROJECT_SOURCE_DIR}/cmake/build_stamps.cpp.in
+    -DVARIANT=${QVN_BUILD_VARIANT}
+    -DGIT=${GIT_EXECUTABLE}
+    "-DHOST=${CMAKE_HOST_SYSTEM_NAME} ${CMAKE_HOST_SYSTEM_VERSION} ${CMAKE_HOST_SYSTEM_PROCESSOR}"
+    -P ${PROJECT_SOURCE_DIR}/cmake/WriteStamps.cmake
+  BYPRODUCTS ${QVN_STAMPS_SOURCE}
+  COMMENT "Writing build stamps"
+  VERBATIM)

@@ -259,7 +259,7 @@ QVN_API int32_t qvn_optimize_portfolio_ex(const double *expected_returns,
 #endif
 
 /* Layouts shared with separately compiled code. */
-#if defined(__cplusplus)
+#if defined(__cplusplus) && __cplusplus >= 201103L
 static_assert(sizeof(reasoning_vfs) == 32, "reasoning_vfs is 32 bytes");
 static_assert(offsetof(reasoning_vfs, abi_version) == 8, "abi_version at 8");
 static_assert(offsetof(reasoning_vfs, format_prompt) == 16, "format_prompt");

@@ -60,7 +60,7 @@ QVN_API qvn_context *qvn_new_ostrany(const storage_vfs *storage,
     qvn_context *ctx = allocate_context();
     if (!ctx) return nullptr;
     if (storage) {
-        ctx->storage = *storage;
+        ctx->storage_vfs = *storage;
         ctx->has_storage = 1;
     }
     if (reasoning) {
@@ -70,7 +70,7 @@ QVN_API qvn_context *qvn_new_ostrany(const storage_vfs *storage,
             qvn_free(ctx);  // calls the storage table's release
             return nullptr;
         }
-        ctx->reasoning = *reasoning;
+        ctx->reasoning_vfs = *reasoning;
         ctx->has_reasoning = 1;
     }
     ctx->ostrany_mode = 1;
@@ -81,7 +81,12 @@ QVN_API qvn_context *qvn_new_ostrany(const storage_vfs *storage,
 
 QVN_API void qvn_free(qvn_context *ctx) {
     if (!ctx) return;
-    if (ctx->has_storage && ctx->storage.release) ctx->storage.release(ctx->storage.state);
+    if (ctx->has_storage && ctx->storage_vfs.release) {
+        try {
+            ctx->storage_vfs.release(ctx->storage_vfs.state);
+        } catch (...) {  // host code must not unwind through qvn_free
+        }
+    }
     qvn_reasoning_call_fini_and_clear(ctx);
     qvni_diversify_state_destroy(ctx->diversify);
     qvni_truth_destroy(ctx->truth);

@@ -33,8 +33,8 @@ struct qvn_context {
     uint64_t result_cap;
     uint64_t result_len;
     char errmsg[QVN_ERRMSG_SIZE];
-    storage_vfs storage;         // copy of the host's table
-    reasoning_vfs reasoning;     // copy of the host's or plug-in's table
+    ::storage_vfs storage_vfs;       // copy of the host's table
+    ::reasoning_vfs reasoning_vfs;   // copy of the host's or plug-in's table
     int32_t has_storage;
     int32_t has_reasoning;
     int32_t ostrany_mode;

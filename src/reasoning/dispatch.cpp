@@ -33,15 +33,22 @@ QVN_API int32_t qvn_dispatch_ai(qvn_context *ctx, const char *query, size_t quer
 
     // From here on every failure leaves the record zeroed.
     std::memset(response, 0, sizeof *response);
-    const reasoning_vfs &table = ctx->reasoning;
+    const reasoning_vfs &table = ctx->reasoning_vfs;
 
     const char *prompt = nullptr;
     size_t prompt_len = 0;
     // A missing operation produces nothing, like one that yields no output.
     int32_t rc = 0;
+    // Host and plug-in code may be C++: an exception from it is a failed
+    // operation (rc -1) and never unwinds through this C entry point.
     if (table.format_prompt) {
-        rc = table.format_prompt(table.state, query, query_len, context ? context : "",
-                                 context ? context_len : 0, &prompt, &prompt_len);
+        try {
+            rc = table.format_prompt(table.state, query, query_len, context ? context : "",
+                                     context ? context_len : 0, &prompt, &prompt_len);
+        } catch (...) {
+            rc = -1;
+            prompt = nullptr;
+        }
     }
     if (rc != 0 || !prompt) {
         set_err(ctx, "quorvane: reasoning_vfs.format_prompt failed (rc=%d)", rc);
@@ -53,7 +60,12 @@ QVN_API int32_t qvn_dispatch_ai(qvn_context *ctx, const char *query, size_t quer
     qvn_response_free_fn free_fn = nullptr;
     rc = 0;
     if (table.generate) {
-        rc = table.generate(table.state, prompt, prompt_len, &text, &text_len, &free_fn);
+        try {
+            rc = table.generate(table.state, prompt, prompt_len, &text, &text_len, &free_fn);
+        } catch (...) {
+            rc = -1;
+            text = nullptr;
+        }
     }
     if (rc != 0 || !text) {
         // Whatever generate allocated before failing stays the plug-in's.
@@ -71,7 +83,10 @@ QVN_API int32_t qvn_dispatch_ai(qvn_context *ctx, const char *query, size_t quer
 QVN_API void qvn_ai_response_free(qvn_ai_response *response) {
     if (!response) return;
     if (response->free_fn) {
-        response->free_fn(response);
+        try {
+            response->free_fn(response);
+        } catch (...) {
+        }
     } else if (response->text) {
         std::free(response->text);
     }

@@ -65,7 +65,12 @@ Fn lookup(void *handle, const char *name) noexcept {
 
 void qvn_reasoning_call_fini_and_clear(qvn_context *ctx) noexcept {
     if (!ctx || !ctx->plugin_handle) return;
-    if (ctx->plugin_fini) ctx->plugin_fini(ctx->reasoning.state);
+    if (ctx->plugin_fini) {
+        try {
+            ctx->plugin_fini(ctx->reasoning_vfs.state);
+        } catch (...) {  // a throwing fini must not end the host
+        }
+    }
     dlclose(ctx->plugin_handle);
     ctx->has_reasoning = 0;
     ctx->plugin_handle = nullptr;
@@ -95,7 +100,12 @@ QVN_API int32_t qvn_load_reasoning(qvn_context *ctx, const char *path) {
     }
     reasoning_vfs table;
     std::memset(&table, 0, sizeof table);
-    const int32_t rc = init(&table);
+    int32_t rc;
+    try {
+        rc = init(&table);
+    } catch (...) {  // a throwing init is a failed init
+        rc = -1;
+    }
     if (rc != 0) {
         set_err(ctx, "quorvane: plugin qvn_reasoning_init returned %d", rc);
         dlclose(handle);
@@ -112,7 +122,7 @@ QVN_API int32_t qvn_load_reasoning(qvn_context *ctx, const char *path) {
     // loader's reference count keeps the library mapped.
     qvn_reasoning_call_fini_and_clear(ctx);
     ctx->plugin_fini = lookup<qvn_reasoning_fini_fn>(handle, "qvn_reasoning_fini");
-    ctx->reasoning = table;
+    ctx->reasoning_vfs = table;
     ctx->has_reasoning = 1;
     ctx->plugin_handle = handle;
     return QVN_OK;

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "core/context.h"
@@ -42,6 +43,28 @@ TEST(Context, MinimalStartsEmptyWithExactSeedWord) {
     qvn_free(ctx);
 }
 
+TEST(Context, SeedWordMixesTimeClockAndAddress) {
+    // seed = low 53 bits of (time << 32) ^ clock ^ address. Undo the time
+    // and address terms and the rest must be a clock reading taken during
+    // the call.
+    const uint64_t mask = 0x1fffffffffffffULL;
+    const uint64_t t0 = static_cast<uint64_t>(std::time(nullptr));
+    const uint64_t c0 = static_cast<uint64_t>(std::clock());
+    qvn_context *ctx = qvn_new_minimal();
+    const uint64_t c1 = static_cast<uint64_t>(std::clock());
+    const uint64_t t1 = static_cast<uint64_t>(std::time(nullptr));
+    ASSERT_NE(ctx, nullptr);
+    const auto seed = static_cast<uint64_t>(ctx->seed);
+    const auto addr = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(ctx));
+    bool matched = false;
+    for (uint64_t t = t0; t <= t1 && !matched; ++t) {
+        const uint64_t c = (seed ^ (t << 32) ^ addr) & mask;
+        matched = c >= (c0 & mask) && c <= (c1 & mask);
+    }
+    EXPECT_TRUE(matched) << "seed " << seed;
+    qvn_free(ctx);
+}
+
 TEST(Context, OstranyCopiesTablesByValue) {
     int storage_state = 0, reasoning_state = 0;
     storage_vfs storage{&storage_state, (void *)0x1, (void *)0x2, count_release};
@@ -52,10 +75,10 @@ TEST(Context, OstranyCopiesTablesByValue) {
     // Changing the caller's copies afterwards does not reach the Context.
     storage.state = nullptr;
     reasoning.state = nullptr;
-    EXPECT_EQ(ctx->storage.state, &storage_state);
-    EXPECT_EQ(ctx->storage.slot1, (void *)0x1);
-    EXPECT_EQ(ctx->reasoning.state, &reasoning_state);
-    EXPECT_EQ(ctx->reasoning.format_prompt, no_prompt);
+    EXPECT_EQ(ctx->storage_vfs.state, &storage_state);
+    EXPECT_EQ(ctx->storage_vfs.slot1, (void *)0x1);
+    EXPECT_EQ(ctx->reasoning_vfs.state, &reasoning_state);
+    EXPECT_EQ(ctx->reasoning_vfs.format_prompt, no_prompt);
     EXPECT_EQ(ctx->has_storage, 1);
     EXPECT_EQ(ctx->has_reasoning, 1);
     EXPECT_EQ(ctx->ostrany_mode, 1);

@@ -157,12 +157,12 @@ TEST(LoadReasoning, FailedLoadsReportAndKeepThePreviousPlugin) {
     qvn_context *ctx = qvn_new_minimal();
     ASSERT_NE(ctx, nullptr);
     ASSERT_EQ(qvn_load_reasoning(ctx, a.c_path()), 0);
-    void *const state = ctx->reasoning.state;
+    void *const state = ctx->reasoning_vfs.state;
     for (const Case &c : cases) {
         SCOPED_TRACE(c.path);
         EXPECT_EQ(qvn_load_reasoning(ctx, c.path.c_str()), c.rc);
         EXPECT_EQ(qvn_last_error(ctx), c.message);
-        EXPECT_EQ(ctx->reasoning.state, state);
+        EXPECT_EQ(ctx->reasoning_vfs.state, state);
         EXPECT_EQ(ask(ctx, "q", "c"), "A:q|c");
         EXPECT_EQ(a.stats().init_calls, 1);
         EXPECT_EQ(a.stats().fini_calls, 0);
@@ -239,7 +239,7 @@ TEST(LoadReasoning, ReplacementFinalisesThePreviousPluginFirst) {
     EXPECT_EQ(a.stats().last_fini_state, state_a);
     EXPECT_EQ(b.stats().init_calls, 1);
     EXPECT_EQ(b.stats().fini_calls, 0);
-    EXPECT_EQ(ctx->reasoning.state, state_b);
+    EXPECT_EQ(ctx->reasoning_vfs.state, state_b);
     EXPECT_EQ(ask(ctx, "x", "y"), "B:x|y");
     EXPECT_EQ(a.stats().format_calls, 0);
 

@@ -57,13 +57,39 @@ TEST(VectorKernels, SingleElementResults) {
 }
 
 TEST(VectorKernels, CosineUsesProductOfSeparateRoots) {
-    // |a| = 5 and |b| = 13 exactly, so a.b / (5 * 13) is one rounding away.
-    const float a[] = {3.0f, 4.0f}, b[] = {5.0f, 12.0f};
+    // a = (1, 4), b = (3, 0): dot 3, |a|^2 17, |b|^2 9. The two separate
+    // float roots multiply to a value that differs from sqrtf(17 * 9), and
+    // dividing by it differs from multiplying by its reciprocal.
+    const float a[] = {1.0f, 4.0f}, b[] = {3.0f, 0.0f};
+    const float den = std::sqrt(17.0f) * std::sqrt(9.0f);
+    const float want_sim = 3.0f / den;
+    ASSERT_NE(want_sim, 3.0f / std::sqrt(17.0f * 9.0f));  // the case discriminates
+    ASSERT_NE(want_sim, 3.0f * (1.0f / den));
     float sim, dist;
     ASSERT_EQ(qvn_vector_cosine_similarity(a, b, 2, &sim), 0);
     ASSERT_EQ(qvn_vector_cosine_distance(a, b, 2, &dist), 0);
-    EXPECT_EQ(sim, 63.0f / 65.0f);
-    EXPECT_EQ(dist, 1.0f - 63.0f / 65.0f);
+    EXPECT_EQ(bits(sim), bits(want_sim));
+    EXPECT_EQ(bits(dist), bits(1.0f - want_sim));
+}
+
+TEST(VectorKernels, SquaredSumsStayInSinglePrecision) {
+    // 1e8 + 1 rounds back to 1e8 in float, so eight (or sixteen) unit terms
+    // after a large one vanish; a double accumulator would keep them.
+    std::vector<float> big(9, 1.0f), zero(9, 0.0f);
+    big[0] = 1e4f;
+    float out;
+    ASSERT_EQ(qvn_vector_l2_sq(big.data(), zero.data(), big.size(), &out), 0);
+    EXPECT_EQ(out, 1e8f);
+    std::vector<float> v(17, 1.0f);
+    v[0] = 1e4f;
+    ASSERT_EQ(qvn_vector_norm(v.data(), v.size(), &out), 0);
+    EXPECT_EQ(out, 1e4f);
+    std::vector<float> ones(17, 0.0f);
+    ones[0] = 1.0f;
+    float sim;
+    // Sum of b^2 is 1e8 (not 1e8 + 16), so the denominator is exactly 1e4.
+    ASSERT_EQ(qvn_vector_cosine_similarity(ones.data(), v.data(), v.size(), &sim), 0);
+    EXPECT_EQ(sim, 1.0f);
 }
 
 TEST(VectorKernels, ZeroAndNaNVectors) {

@@ -5,6 +5,7 @@
 #define QVN_TESTS_ALLOC_FAIL_H
 
 #include <cstddef>
+#include <cstdint>
 
 namespace qvn_test {
 
@@ -24,23 +25,21 @@ struct AllocFailGuard {
     AllocFailGuard &operator=(const AllocFailGuard &) = delete;
 };
 
-// Runs body with the 1st, 2nd, ... allocation failing until body reports
-// success (returns true) with no failure triggered, or max_steps runs out.
-// Returns the number of failing runs that body survived.
+// Runs body with the 1st, 2nd, ... allocation failing, until a run
+// triggers no failure at all; that run must report success (body returns
+// true). Returns the number of runs in which an allocation failed, or
+// SIZE_MAX when the clean run failed or max_steps ran out. Callers assert
+// that the result is neither 0 (nothing was exercised) nor SIZE_MAX.
 template <class F>
 size_t for_each_allocation_failure(F &&body, size_t max_steps = 10000) {
-    size_t n = 1;
-    for (; n <= max_steps; ++n) {
+    for (size_t n = 1; n <= max_steps; ++n) {
         fail_allocation(n);
         const bool ok = body(n);
         const bool failed = allocation_failed();
         fail_allocation(0);
-        if (!failed) {
-            (void)ok;
-            break;
-        }
+        if (!failed) return ok ? n - 1 : SIZE_MAX;
     }
-    return n - 1;
+    return SIZE_MAX;
 }
 
 }  // namespace qvn_test
