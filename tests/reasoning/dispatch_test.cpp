@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -299,4 +300,42 @@ TEST(DispatchAi, ThroughLoadedPlugins) {
     EXPECT_EQ(fmt.stats().generate_calls, 0);
     EXPECT_TRUE(all_bytes(r, 0));
     qvn_free(ctx);
+}
+
+// A host table written in C++ may throw; the exception must end as a -5
+// with the operation's message, never unwind through the C entry point.
+TEST(DispatchAi, ThrowingHostOperationsBecomeFailures) {
+    struct Throwing {
+        static int32_t format(void *, const char *, size_t, const char *, size_t,
+                              const char **, size_t *) {
+            throw std::runtime_error("format");
+        }
+        static int32_t format_ok(void *, const char *q, size_t n, const char *, size_t,
+                                 const char **p, size_t *pn) {
+            *p = q;
+            *pn = n;
+            return 0;
+        }
+        static int32_t generate(void *, const char *, size_t, char **, size_t *,
+                                qvn_response_free_fn *) {
+            throw 42;
+        }
+        static void release(void *) { throw std::runtime_error("release"); }
+    };
+    const storage_vfs storage{nullptr, nullptr, nullptr, Throwing::release};
+    for (bool fail_in_format : {true, false}) {
+        SCOPED_TRACE(fail_in_format);
+        const reasoning_vfs table{nullptr, 1, 0,
+                                  fail_in_format ? Throwing::format : Throwing::format_ok,
+                                  Throwing::generate};
+        qvn_context *ctx = qvn_new_ostrany(&storage, &table);
+        ASSERT_NE(ctx, nullptr);
+        qvn_ai_response r;
+        EXPECT_EQ(qvn_dispatch_ai(ctx, "q", 1, nullptr, 0, &r), QVN_ERR_EXTERNAL);
+        EXPECT_STREQ(qvn_last_error(ctx),
+                     fail_in_format ? "quorvane: reasoning_vfs.format_prompt failed (rc=-1)"
+                                    : "quorvane: reasoning_vfs.generate failed (rc=-1)");
+        EXPECT_EQ(r.text, nullptr);
+        qvn_free(ctx);  // the throwing release is contained
+    }
 }
