@@ -44,6 +44,29 @@ void BM_TopKByDistance(benchmark::State &state) {
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(d.corpus.size() * 8));
 }
 
+// The distance scan alone, per ISA, over the whole corpus in blocks.
+template <bool Avx2>
+void BM_RowScan(benchmark::State &state) {
+    if (Avx2 && !__builtin_cpu_supports("avx2")) {
+        state.SkipWithError("no AVX2");
+        return;
+    }
+    const Data &d = data_for(state.range(0), state.range(1));
+    const int32_t dim = static_cast<int32_t>(d.dim);
+    double query_sq = 0.0;
+    for (double v : d.query) query_sq += v * v;
+    std::vector<double> out(256);
+    for (auto _ : state) {
+        for (size_t base = 0; base < d.n_rows; base += 256) {
+            const size_t m = d.n_rows - base < 256 ? d.n_rows - base : 256;
+            (Avx2 ? scan_distances_avx2 : scan_distances_scalar)(
+                d.corpus.data() + base * d.dim, m, dim, d.query.data(), query_sq, out.data());
+            benchmark::DoNotOptimize(out.data());
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(d.corpus.size() * 8));
+}
+
 void BM_SearchPtr(benchmark::State &state) {
     const Data &d = data_for(state.range(0), state.range(1));
     qvn_context *ctx = qvn_new_minimal();
@@ -62,4 +85,6 @@ void BM_SearchPtr(benchmark::State &state) {
 }  // namespace
 
 BENCHMARK(BM_TopKByDistance)->Args({100000, 128})->Args({20000, 1536})->Unit(benchmark::kMillisecond);
+BENCHMARK_TEMPLATE(BM_RowScan, false)->Args({100000, 128})->Args({20000, 1536})->Unit(benchmark::kMillisecond);
+BENCHMARK_TEMPLATE(BM_RowScan, true)->Args({100000, 128})->Args({20000, 1536})->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SearchPtr)->Args({100000, 128})->Args({20000, 1536})->Unit(benchmark::kMillisecond);

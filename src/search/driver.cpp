@@ -173,8 +173,9 @@ void scout(qvn_context *ctx, search_state &s, const char *params, size_t params_
         fill_population_with_query(s);
         return;
     }
+    scan_distances(s.corpus, n, s.dim32, s.query, relevance.get());
     for (size_t i = 0; i < n; ++i) {
-        relevance[i] = 1.0 - search_cosine_distance(s.corpus + i * s.dim, s.query, s.dim32);
+        relevance[i] = 1.0 - relevance[i];
         rows[i] = static_cast<int32_t>(i);
     }
     if (shadow_active(ctx)) {

@@ -40,6 +40,21 @@ bool json_get_bool(const char *text, size_t len, const char *key) noexcept;
 // for dim <= 0, a zero vector or a non-finite result.
 double search_cosine_distance(const double *a, const double *b, int32_t dim) noexcept;
 
+// Search cosine distances of n_rows consecutive rows to the query, each
+// bit-identical to search_cosine_distance(row, query, dim); query_sq is
+// the query's sum of squares in index order. The AVX2 variant keeps four
+// rows per register, one sequential sum per lane; scan_distances picks it
+// per call when the processor has AVX2.
+void scan_distances_scalar(const double *rows, size_t n_rows, int32_t dim, const double *query,
+                           double query_sq, double *out) noexcept;
+void scan_distances_avx2(const double *rows, size_t n_rows, int32_t dim, const double *query,
+                         double query_sq, double *out) noexcept;
+void scan_distances(const double *rows, size_t n_rows, int32_t dim, const double *query,
+                    double *out) noexcept;
+// Finishes one distance from its sums (zero vectors and non-finite results
+// give 1.0).
+double finish_cosine_distance(double dot, double na, double nb) noexcept;
+
 // The k nearest rows by search cosine distance, ascending; unused slots hold
 // (-1, +inf). Ties keep the earlier row. Allocates nothing.
 void topk_by_distance(const double *corpus, size_t n_rows, int32_t dim, const double *query,

@@ -5,7 +5,10 @@
 // - Distance: dot, na and nb are three running sums in index order; the
 //   result is 1 - dot / (sqrt(nb) * sqrt(na)), the product of two separate
 //   roots. 1.0 for dim <= 0, for a zero vector (na or nb == 0) and for a NaN
-//   or infinite result; no clamping into [0, 2].
+//   or infinite result; no clamping into [0, 2]. The row scan computes the
+//   query's sum once (the same sequence of additions, so the same bits) and
+//   keeps each row's dot and na sums in index order; the AVX2 scan holds
+//   four rows per register, one lane per row, never splitting a row's sum.
 // - Top-k: the worst slot is the first slot holding the largest distance; a
 //   row replaces it only when strictly nearer, so among equal distances the
 //   earlier row survives. Final order: stable insertion sort by distance
@@ -20,6 +23,12 @@
 #include "core/scratch.h"
 #include "search/search.h"
 
+double finish_cosine_distance(double dot, double na, double nb) noexcept {
+    if (na == 0.0 || nb == 0.0) return 1.0;
+    const double d = 1.0 - dot / (std::sqrt(nb) * std::sqrt(na));
+    return std::isfinite(d) ? d : 1.0;
+}
+
 double search_cosine_distance(const double *a, const double *b, int32_t dim) noexcept {
     if (dim <= 0) return 1.0;
     double dot = 0.0;
@@ -30,9 +39,37 @@ double search_cosine_distance(const double *a, const double *b, int32_t dim) noe
         na += a[i] * a[i];
         nb += b[i] * b[i];
     }
-    if (na == 0.0 || nb == 0.0) return 1.0;
-    const double d = 1.0 - dot / (std::sqrt(nb) * std::sqrt(na));
-    return std::isfinite(d) ? d : 1.0;
+    return finish_cosine_distance(dot, na, nb);
+}
+
+void scan_distances_scalar(const double *rows, size_t n_rows, int32_t dim, const double *query,
+                           double query_sq, double *out) noexcept {
+    if (dim <= 0) {
+        for (size_t r = 0; r < n_rows; ++r) out[r] = 1.0;
+        return;
+    }
+    const size_t stride = static_cast<size_t>(dim);
+    for (size_t r = 0; r < n_rows; ++r) {
+        const double *a = rows + r * stride;
+        double dot = 0.0;
+        double na = 0.0;
+        for (int32_t i = 0; i < dim; ++i) {
+            dot += a[i] * query[i];
+            na += a[i] * a[i];
+        }
+        out[r] = finish_cosine_distance(dot, na, query_sq);
+    }
+}
+
+void scan_distances(const double *rows, size_t n_rows, int32_t dim, const double *query,
+                    double *out) noexcept {
+    double query_sq = 0.0;
+    for (int32_t i = 0; i < dim; ++i) query_sq += query[i] * query[i];
+    if (__builtin_cpu_supports("avx2")) {
+        scan_distances_avx2(rows, n_rows, dim, query, query_sq, out);
+    } else {
+        scan_distances_scalar(rows, n_rows, dim, query, query_sq, out);
+    }
 }
 
 void topk_by_distance(const double *corpus, size_t n_rows, int32_t dim, const double *query,
@@ -44,17 +81,27 @@ void topk_by_distance(const double *corpus, size_t n_rows, int32_t dim, const do
         idx_out[s] = -1;
         dist_out[s] = std::numeric_limits<double>::infinity();
     }
-    // The worst slot is tracked between rows and searched again only after
-    // it was overwritten; the result is the same as a scan per row.
+    // Distances come in blocks of rows from the row scan. The worst slot is
+    // tracked between rows and searched again only after it was
+    // overwritten; the result is the same as a search per row.
+    constexpr size_t kBlock = 256;
+    double block[kBlock];
+    double query_sq = 0.0;
+    for (int32_t i = 0; i < dim; ++i) query_sq += query[i] * query[i];
+    const auto scan = __builtin_cpu_supports("avx2") ? scan_distances_avx2 : scan_distances_scalar;
     size_t worst = 0;
-    for (size_t r = 0; r < n_rows; ++r) {
-        const double d = search_cosine_distance(corpus + r * stride, query, dim);
-        if (!(dist_out[worst] > d)) continue;
-        idx_out[worst] = static_cast<int32_t>(r);
-        dist_out[worst] = d;
-        worst = 0;
-        for (size_t s = 1; s < slots; ++s) {
-            if (dist_out[s] > dist_out[worst]) worst = s;
+    for (size_t base = 0; base < n_rows; base += kBlock) {
+        const size_t m = n_rows - base < kBlock ? n_rows - base : kBlock;
+        scan(corpus + base * stride, m, dim, query, query_sq, block);
+        for (size_t j = 0; j < m; ++j) {
+            const double d = block[j];
+            if (!(dist_out[worst] > d)) continue;
+            idx_out[worst] = static_cast<int32_t>(base + j);
+            dist_out[worst] = d;
+            worst = 0;
+            for (size_t s = 1; s < slots; ++s) {
+                if (dist_out[s] > dist_out[worst]) worst = s;
+            }
         }
     }
     for (size_t s = 1; s < slots; ++s) {
