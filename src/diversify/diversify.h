@@ -14,7 +14,7 @@ constexpr size_t QVNI_OVERHEAD_RING = 1000;
 struct qvni_diversify_state {
     uint32_t enabled;
     qvn_diversify_params params;
-    double *dq_history;          // dq_rows_alloc rows of dq_dim doubles
+    double *dq_history;          // ring of dq_rows_alloc centroids of dq_dim doubles
     uint64_t dq_dim;
     uint64_t dq_count;
     uint64_t dq_next;
@@ -22,7 +22,8 @@ struct qvni_diversify_state {
     double overhead_ring[QVNI_OVERHEAD_RING];
     uint64_t overhead_next;
     uint64_t overhead_count;
-    uint64_t dq_rows_alloc;      // rows allocated in dq_history
+    uint64_t dq_rows_alloc;      // rows of the ring; dq_history holds at least
+                                 // this many, and the ring never reads beyond
 };
 
 struct qvni_truth_entry {
