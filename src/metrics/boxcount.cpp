@@ -1,0 +1,148 @@
+// Box-counting dimension of a point cloud, and the row sort of cell keys
+// that box counting and lacunarity share.
+//
+// Numeric contract: the extent L is the largest per-axis (max - min), with
+// strictly-greater replacement from 0.0 in axis order (a NaN extent never
+// wins). Scale k = 1..12 uses eps = exp2(-k) * L; a point's cell key on
+// axis j is floor(x_j / eps), so the grid is anchored at the origin. N is
+// counted by sorting the key rows and counting adjacent differing rows. A
+// scale is kept when 3 * N < n; it contributes ln(1.0 / eps) and ln N. The
+// dimension is the least-squares slope with sums in scale order; a zero
+// denominator is -1.
+//
+// Keys that do not exist: when floor(x / eps) is NaN (a NaN or infinite
+// coordinate) or lies outside the signed 64-bit range, the call is rejected
+// with -1 rather than clamped. A clamped key would silently merge distant
+// boxes and bias N; rejecting keeps every reported dimension meaningful.
+#include <cmath>
+#include <utility>
+
+#include "core/scratch.h"
+#include "core/status.h"
+#include "metrics/metrics.h"
+
+namespace {
+
+// -1, 0 or 1 as row a is lexicographically below, equal to or above row b.
+inline int row_compare(const int64_t *a, const int64_t *b, size_t d) noexcept {
+    for (size_t j = 0; j < d; ++j) {
+        if (a[j] < b[j]) return -1;
+        if (a[j] > b[j]) return 1;
+    }
+    return 0;
+}
+
+inline void row_swap(int64_t *a, int64_t *b, size_t d) noexcept {
+    if (a == b) return;
+    for (size_t j = 0; j < d; ++j) std::swap(a[j], b[j]);
+}
+
+}  // namespace
+
+// Quicksort on rows: median of three, Lomuto partition, recursion into the
+// smaller side and a loop over the larger, so the stack stays logarithmic.
+void cell_sort(int64_t *keys, size_t d, int64_t lo, int64_t hi) noexcept {
+    auto row = [keys, d](int64_t r) { return keys + static_cast<size_t>(r) * d; };
+    while (hi > lo) {
+        const int64_t mid = lo + (hi - lo) / 2;
+        if (row_compare(row(mid), row(lo), d) < 0) row_swap(row(mid), row(lo), d);
+        if (row_compare(row(hi), row(lo), d) < 0) row_swap(row(hi), row(lo), d);
+        if (row_compare(row(hi), row(mid), d) < 0) row_swap(row(hi), row(mid), d);
+        row_swap(row(mid), row(hi), d);
+
+        const int64_t *pivot = row(hi);
+        int64_t i = lo - 1;
+        for (int64_t r = lo; r < hi; ++r) {
+            if (row_compare(row(r), pivot, d) <= 0) {
+                ++i;
+                row_swap(row(i), row(r), d);
+            }
+        }
+        const int64_t p = i + 1;
+        row_swap(row(p), row(hi), d);
+
+        if (p - lo >= hi - p) {
+            if (hi > p + 1) cell_sort(keys, d, p + 1, hi);
+            hi = p - 1;
+        } else {
+            if (p - 1 > lo) cell_sort(keys, d, lo, p - 1);
+            lo = p + 1;
+        }
+    }
+}
+
+int32_t qvni_boxcount_dimension(const double *points, size_t n, size_t d,
+                                double *dimension) noexcept {
+    if (d == 0 || n < 8 || !points || !dimension) return qvn::kKernelInvalid;
+
+    double extent = 0.0;
+    {
+        auto lo = qvn::make_scratch<double>(d);
+        auto hi = qvn::make_scratch<double>(d);
+        if (!lo || !hi) return qvn::kKernelNoMem;
+        for (size_t j = 0; j < d; ++j) lo[j] = hi[j] = points[j];
+        for (size_t i = 1; i < n; ++i) {
+            const double *x = points + i * d;
+            for (size_t j = 0; j < d; ++j) {
+                if (x[j] < lo[j]) lo[j] = x[j];
+                if (x[j] > hi[j]) hi[j] = x[j];
+            }
+        }
+        for (size_t j = 0; j < d; ++j) {
+            const double e = hi[j] - lo[j];
+            if (e > extent) extent = e;
+        }
+    }
+    if (extent <= 0.0) return qvn::kKernelInvalid;
+
+    if (n > SIZE_MAX / d) return qvn::kKernelNoMem;
+    auto keys = qvn::make_scratch<int64_t>(n * d);
+    if (!keys) return qvn::kKernelNoMem;
+    auto xs = qvn::make_scratch<double>(12);
+    auto ys = qvn::make_scratch<double>(12);
+    if (!xs || !ys) return qvn::kKernelNoMem;
+
+    size_t m = 0;
+    for (int k = 1; k <= 12; ++k) {
+        const double eps = std::exp2(-static_cast<double>(k)) * extent;
+        if (eps <= 0.0) continue;
+        for (size_t i = 0; i < n * d; ++i)
+            if (!qvn::cell_key(points[i], eps, &keys[i])) return qvn::kKernelInvalid;
+        cell_sort(keys.get(), d, 0, static_cast<int64_t>(n - 1));
+        size_t boxes = 1;
+        for (size_t r = 1; r < n; ++r)
+            if (row_compare(&keys[(r - 1) * d], &keys[r * d], d) != 0) ++boxes;
+        if (3 * boxes < n) {
+            xs[m] = std::log(1.0 / eps);
+            ys[m] = std::log(static_cast<double>(boxes));
+            ++m;
+        }
+    }
+    keys.reset();
+    if (m < 3) return qvn::kKernelInvalid;
+
+    double sx = 0.0, sy = 0.0, sxx = 0.0, sxy = 0.0;
+    for (size_t i = 0; i < m; ++i) {
+        sx += xs[i];
+        sy += ys[i];
+        sxx += xs[i] * xs[i];
+        sxy += xs[i] * ys[i];
+    }
+    xs.reset();
+    ys.reset();
+    const double md = static_cast<double>(m);
+    const double den = md * sxx - sx * sx;
+    if (den == 0.0) return qvn::kKernelInvalid;
+    *dimension = (md * sxy - sx * sy) / den;
+    return 0;
+}
+
+extern "C" {
+
+QVN_API int32_t qvn_dimension_boxcount(const double *points, size_t n, size_t d,
+                                       double *dimension) {
+    if (!points || !dimension) return QVN_ERR_INVALID;
+    return qvn::map_kernel_status(qvni_boxcount_dimension(points, n, d, dimension));
+}
+
+}  // extern "C"
