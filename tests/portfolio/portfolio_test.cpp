@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <numeric>
+#include <utility>
 #include <vector>
 
 #include "portfolio/portfolio.h"
@@ -17,17 +17,20 @@ namespace {
 
 constexpr double kUnwritten = -12345.625;
 
-// A fitness context over caller-owned scratch.
+// A fitness context that owns copies of its inputs and its scratch.
 struct Fitness {
-    std::vector<double> clipped, weights;
+    std::vector<double> r, cov, clipped, weights;
     std::vector<uint64_t> picks;
     std::vector<unsigned char> picked;
     portfolio_ctx ctx;
-    Fitness(const std::vector<double> &r, const std::vector<double> &cov, uint64_t k)
-        : clipped(r.size()), weights(r.size()), picks(k), picked(r.size()) {
+    Fitness(std::vector<double> returns, std::vector<double> covariance, uint64_t k)
+        : r(std::move(returns)), cov(std::move(covariance)), clipped(r.size()),
+          weights(r.size()), picks(k), picked(r.size()) {
         ctx = {r.data(), cov.data(), r.size(), k,
                clipped.data(), weights.data(), picks.data(), picked.data()};
     }
+    Fitness(const Fitness &) = delete;
+    Fitness &operator=(const Fitness &) = delete;
     double operator()(const std::vector<double> &point) {
         return portfolio_fitness(point.data(), point.size(), &ctx);
     }
