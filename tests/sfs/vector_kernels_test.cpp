@@ -18,11 +18,12 @@ int32_t norm(const float *a, const float *, size_t n, float *out) {
 
 // Hand-worked results. Float sums run left to right: 1e8 + 1 rounds back to
 // 1e8, so reordered, pairwise or double sums keep ones the contract drops.
-// c * c rounds before it is added, so a fused multiply-add would keep 2^-24.
-// The cosine divides by the product of two separate float roots.
+// c * c rounds before it is added (a fused multiply-add keeps 2^-24 and breaks
+// the tie in (1 + 2^-23) + c * c); the cosine divides by two separate roots.
 TEST(VectorKernels, HandWorkedResults) {
     const float c = 1.0f + std::ldexp(1.0f, -12), m = -(1.0f + std::ldexp(1.0f, -11));
-    const float nan = std::nanf("");
+    const float nan = std::nanf(""), t = std::ldexp(1.0f, -12);
+    const float r = std::sqrt(2.0f + std::ldexp(1.0f, -11));  // |(t, t, 1, c)|
     const float cos_14_30 = 3.0f / (std::sqrt(17.0f) * std::sqrt(9.0f));  // unlike both below
     ASSERT_NE(cos_14_30, 3.0f / std::sqrt(17.0f * 9.0f));
     ASSERT_NE(cos_14_30, 3.0f * (1.0f / (std::sqrt(17.0f) * 3.0f)));
@@ -34,7 +35,8 @@ TEST(VectorKernels, HandWorkedResults) {
         {qvn_vector_dot, {m, c}, {1.0f, c}, 0.0f},
         {qvn_vector_cosine_similarity, {m, c}, {1.0f, c}, 0.0f},
         {qvn_vector_l2_sq, big9, std::vector<float>(9, 0.0f), 1e8f},
-        {qvn_vector_l2, {3.0f, 0.0f}, {0.0f, 4.0f}, 5.0f},
+        {qvn_vector_l2, {t, t, 1.0f, c}, {0, 0, 0, 0}, r},
+        {norm, {t, t, 1.0f, c}, {}, r},
         {norm, big17, {}, 1e4f},
         {qvn_vector_cosine_similarity, e17, big17, 1.0f},
         {qvn_vector_cosine_similarity, {3.0f}, {-3.0f}, -1.0f},
@@ -58,9 +60,8 @@ TEST(VectorKernels, HandWorkedResults) {
     }
 }
 
-// Normalize divides by the norm (not times its reciprocal; the two differ for
-// some elements); zero and NaN vectors become +0. Element-wise kernels may
-// write over an input.
+// Normalize divides by the norm (not times its reciprocal) and maps zero and
+// NaN vectors to +0; element-wise kernels may write over an input.
 TEST(VectorKernels, ElementWiseAndAliasing) {
     const auto a = qvn_test::random_floats(257, 11, -3.0f, 3.0f);
     const auto b = qvn_test::random_floats(257, 2);
@@ -83,10 +84,9 @@ TEST(VectorKernels, ElementWiseAndAliasing) {
     ASSERT_EQ(qvn_vector_scale(x.data(), x.size(), x.data(), -2.5f), 0);
     for (size_t i = 0; i < x.size(); ++i) ASSERT_EQ(x[i], a[i] * -2.5f) << i;
     const float p[] = {1.0f, 2.0f}, q[] = {3.0f, 4.0f, 5.0f};
-    float out[5];
-    ASSERT_EQ(qvn_vector_weighted_concat(p, 2, q, 3, out, 0.5f, -1.0f), 0);
-    const std::vector<float> want = {0.5f, 1.0f, -3.0f, -4.0f, -5.0f};
-    EXPECT_EQ(std::vector<float>(out, out + 5), want);
+    std::vector<float> out(5);
+    ASSERT_EQ(qvn_vector_weighted_concat(p, 2, q, 3, out.data(), 0.5f, -1.0f), 0);
+    EXPECT_EQ(out, std::vector<float>({0.5f, 1.0f, -3.0f, -4.0f, -5.0f}));
 }
 
 TEST(VectorKernels, RejectionsLeaveOutputUntouched) {
