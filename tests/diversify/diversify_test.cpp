@@ -351,3 +351,14 @@ TEST(SearchDiversify, OutOfMemoryAroundRepulsionIsAbsorbed) {
         return true;
     }, n + 1), n) << "one table row per allocation";
 }
+
+// The strength in force at search time scales every entry: 0 switches repulsion off.
+TEST(SearchDiversify, StrengthAtSearchTimeScalesRepulsion) {
+    auto owner = rejecting({0});
+    qvn_diversify_params p;
+    ASSERT_EQ(qvn_diversify_get_params(owner.get(), &p), 0);
+    EXPECT_EQ(numbers(search(owner.get(), kSpread, kQuery, 1), "best_point"), kSpread[1]);
+    p.repulsion_strength = 0.0;
+    ASSERT_EQ(qvn_diversify_set_params(owner.get(), &p), 0);
+    EXPECT_EQ(numbers(search(owner.get(), kSpread, kQuery, 1), "best_point"), kSpread[0]);
+}
