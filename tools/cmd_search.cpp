@@ -1,6 +1,7 @@
 // quorvane search: nearest rows of a corpus to a query vector, printed as the
 // library's JSON result document.
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -92,12 +93,14 @@ bool parse_long(const std::string &text, long long lo, long long hi, long long &
     return true;
 }
 
+// Finite values only: the library's parameter scanner cannot read nan or
+// inf back, so they would silently fall back to the defaults.
 bool parse_real(const std::string &text, double &out) {
     if (text.empty()) return false;
     errno = 0;
     char *end = nullptr;
     out = std::strtod(text.c_str(), &end);
-    return errno == 0 && *end == '\0';
+    return errno == 0 && *end == '\0' && std::isfinite(out);
 }
 
 // An argument that starts like a negative number is a query, not an option.
@@ -161,7 +164,7 @@ int parse_args(int argc, char **argv, options &o) {
             std::string v;
             double x = 0;
             if (!take(v)) return missing();
-            if (!parse_real(v, x)) return cli::usage_error(kCmd, arg + " expects a number");
+            if (!parse_real(v, x)) return cli::usage_error(kCmd, arg + " expects a finite number");
             char buf[64];
             std::snprintf(buf, sizeof buf, "%.17g", x);
             add_flag(o, key, buf);

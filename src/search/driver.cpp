@@ -311,10 +311,7 @@ void bookkeeping(qvn_context *ctx, const search_state &s) noexcept {
     block.reset();
     timespec t1;
     clock_gettime(CLOCK_MONOTONIC, &t1);
-    const int64_t us = (static_cast<int64_t>(t1.tv_sec) - static_cast<int64_t>(t0.tv_sec)) *
-                           1000000 +
-                       (t1.tv_nsec / 1000 - t0.tv_nsec / 1000);
-    qvni_overhead_push(ctx->diversify, static_cast<double>(static_cast<uint64_t>(us)));
+    qvni_overhead_push(ctx->diversify, elapsed_us(t0, t1));
 }
 
 bool append_coords(qvn_context *ctx, uint64_t *pos, const double *v, size_t dim) noexcept {
@@ -373,6 +370,13 @@ bool write_document(qvn_context *ctx, const search_state &s, bool debug, uint64_
 }
 
 }  // namespace
+
+double elapsed_us(const timespec &t0, const timespec &t1) noexcept {
+    const int64_t us = (static_cast<int64_t>(t1.tv_sec) - static_cast<int64_t>(t0.tv_sec)) *
+                           1000000 +
+                       (t1.tv_nsec / 1000 - t0.tv_nsec / 1000);
+    return static_cast<double>(static_cast<uint64_t>(us));
+}
 
 int32_t run_search(qvn_context *ctx, const double *query, size_t dim, const double *corpus,
                    size_t n_rows, int32_t k, const char *params, size_t params_len,

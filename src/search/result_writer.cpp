@@ -13,8 +13,9 @@ namespace {
 
 bool grow_to(qvn_context *ctx, uint64_t need) noexcept {
     uint64_t c = ctx->result_cap != 0 ? ctx->result_cap : 512;
-    while (c < need) c *= 2;
+    while (c < need && c < QVN_RESULT_CAP_CEILING) c *= 2;
     if (c > QVN_RESULT_CAP_CEILING) c = QVN_RESULT_CAP_CEILING;
+    if (c < need) return false;  // the need is above the ceiling
     void *grown = std::realloc(ctx->result_buf, static_cast<size_t>(c));
     if (!grown) return false;
     ctx->result_buf = static_cast<char *>(grown);

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 #include "core/context.h"
 
@@ -42,13 +43,16 @@ double search_cosine_distance(const double *a, const double *b, int32_t dim) noe
 
 // Search cosine distances of n_rows consecutive rows to the query, each
 // bit-identical to search_cosine_distance(row, query, dim); query_sq is
-// the query's sum of squares in index order. The AVX2 variant keeps four
-// rows per register, one sequential sum per lane; scan_distances picks it
-// per call when the processor has AVX2.
+// the query's sum of squares in index order. The AVX2 variant (x86 only)
+// keeps four rows per register, one sequential sum per lane; scan_distances
+// picks it per call when the processor has AVX2.
 void scan_distances_scalar(const double *rows, size_t n_rows, int32_t dim, const double *query,
                            double query_sq, double *out) noexcept;
+#if defined(__x86_64__) || defined(__i386__)
+#define QVN_SEARCH_HAS_AVX2_SCAN 1
 void scan_distances_avx2(const double *rows, size_t n_rows, int32_t dim, const double *query,
                          double query_sq, double *out) noexcept;
+#endif
 void scan_distances(const double *rows, size_t n_rows, int32_t dim, const double *query,
                     double *out) noexcept;
 // Finishes one distance from its sums (zero vectors and non-finite results
@@ -77,6 +81,10 @@ bool append_fmt(qvn_context *ctx, uint64_t *pos, const char *format, ...) noexce
 bool append_num(qvn_context *ctx, uint64_t *pos, const char *prefix, double value) noexcept;
 
 // ---- Driver -------------------------------------------------------------
+// Microseconds from t0 to t1: whole seconds times 10^6 plus the difference
+// of the truncated microsecond parts, as an unsigned 64-bit count.
+double elapsed_us(const timespec &t0, const timespec &t1) noexcept;
+
 // query: dim >= 1 doubles; corpus: n_rows x dim doubles, NULL exactly when
 // n_rows is 0; k >= 1. Returns 0, -1, -4 or -5 with a message on failure.
 int32_t run_search(qvn_context *ctx, const double *query, size_t dim, const double *corpus,

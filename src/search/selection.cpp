@@ -61,15 +61,26 @@ void scan_distances_scalar(const double *rows, size_t n_rows, int32_t dim, const
     }
 }
 
+namespace {
+
+using row_scan = void (*)(const double *, size_t, int32_t, const double *, double,
+                          double *) noexcept;
+
+// Chosen per call: no state is kept between calls.
+row_scan pick_row_scan() noexcept {
+#ifdef QVN_SEARCH_HAS_AVX2_SCAN
+    if (__builtin_cpu_supports("avx2")) return scan_distances_avx2;
+#endif
+    return scan_distances_scalar;
+}
+
+}  // namespace
+
 void scan_distances(const double *rows, size_t n_rows, int32_t dim, const double *query,
                     double *out) noexcept {
     double query_sq = 0.0;
     for (int32_t i = 0; i < dim; ++i) query_sq += query[i] * query[i];
-    if (__builtin_cpu_supports("avx2")) {
-        scan_distances_avx2(rows, n_rows, dim, query, query_sq, out);
-    } else {
-        scan_distances_scalar(rows, n_rows, dim, query, query_sq, out);
-    }
+    pick_row_scan()(rows, n_rows, dim, query, query_sq, out);
 }
 
 void topk_by_distance(const double *corpus, size_t n_rows, int32_t dim, const double *query,
@@ -88,7 +99,7 @@ void topk_by_distance(const double *corpus, size_t n_rows, int32_t dim, const do
     double block[kBlock];
     double query_sq = 0.0;
     for (int32_t i = 0; i < dim; ++i) query_sq += query[i] * query[i];
-    const auto scan = __builtin_cpu_supports("avx2") ? scan_distances_avx2 : scan_distances_scalar;
+    const row_scan scan = pick_row_scan();
     size_t worst = 0;
     for (size_t base = 0; base < n_rows; base += kBlock) {
         const size_t m = n_rows - base < kBlock ? n_rows - base : kBlock;

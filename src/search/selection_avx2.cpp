@@ -9,9 +9,11 @@
 // add latency. The query's sum of squares comes from the caller. Finishing
 // uses the scalar's operations lane-wise (sqrt, multiply, divide, subtract
 // are each correctly rounded) and masks zero rows and non-finite results.
-#include <immintrin.h>
-
+// Off x86 this unit is empty and the scalar scan serves.
 #include "search/search.h"
+
+#ifdef QVN_SEARCH_HAS_AVX2_SCAN
+#include <immintrin.h>
 
 namespace {
 
@@ -119,3 +121,5 @@ void scan_distances_avx2(const double *rows, size_t n_rows, int32_t dim, const d
     }
     if (r < n_rows) scan_distances_scalar(rows + r * stride, n_rows - r, dim, query, query_sq, out + r);
 }
+
+#endif  // QVN_SEARCH_HAS_AVX2_SCAN

@@ -2,178 +2,102 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <numeric>
 #include <vector>
 
 #include "search/search.h"
-#include "support/alloc_fail.h"
 #include "support/test_support.h"
 
-namespace {
+using qvn_test::bits;
+using Vec = std::vector<double>;
+using Idx = std::vector<int32_t>;
+constexpr double kInf = INFINITY, kNaN = NAN;
 
-constexpr double kInf = std::numeric_limits<double>::infinity();
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-struct TopK {
-    std::vector<int32_t> idx;
-    std::vector<double> dist;
-};
-
-TopK topk(const std::vector<double> &corpus, size_t dim, const std::vector<double> &q, int32_t k) {
-    TopK r{std::vector<int32_t>(k, 42), std::vector<double>(k, 42.0)};
-    topk_by_distance(corpus.data(), corpus.size() / dim, static_cast<int32_t>(dim), q.data(), k,
-                     r.idx.data(), r.dist.data());
-    return r;
+std::vector<uint64_t> all_bits(const Vec &v) {
+    std::vector<uint64_t> b;
+    for (double x : v) b.push_back(bits(x));
+    return b;
 }
 
-}  // namespace
-
-TEST(SearchCosineDistance, HandWorkedValuesAndDegenerateInputs) {
-    const double a[] = {1, 0}, b[] = {0, 1}, c[] = {1, 1}, m[] = {-2, 0}, z[] = {0, 0};
-    EXPECT_EQ(search_cosine_distance(a, a, 2), 0.0);
-    EXPECT_EQ(search_cosine_distance(a, b, 2), 1.0);
-    EXPECT_EQ(search_cosine_distance(c, a, 2), 0.29289321881345254);
-    EXPECT_EQ(search_cosine_distance(a, c, 2), 0.29289321881345254);
-    EXPECT_EQ(search_cosine_distance(a, m, 2), 2.0);
-    EXPECT_EQ(search_cosine_distance(z, a, 2), 1.0);
-    EXPECT_EQ(search_cosine_distance(a, z, 2), 1.0);
-    EXPECT_EQ(search_cosine_distance(a, a, 0), 1.0);
-    EXPECT_EQ(search_cosine_distance(a, a, -3), 1.0);
-    const double n[] = {kNaN, 1}, i[] = {kInf, 1}, big[] = {1e200, 1e200};
-    EXPECT_EQ(search_cosine_distance(n, a, 2), 1.0);
-    EXPECT_EQ(search_cosine_distance(i, a, 2), 1.0);
-    EXPECT_EQ(search_cosine_distance(big, a, 2), 1.0);  // the squares overflow
-}
-
-TEST(SearchCosineDistance, DividesByTheProductOfTwoSeparateRoots) {
-    // sqrt(2) * sqrt(3) and sqrt(6) differ in the last bit.
-    const double a[] = {1, 1, 1}, b[] = {1, 1, 0};
-    const double expect = 1.0 - 2.0 / (std::sqrt(2.0) * std::sqrt(3.0));
-    EXPECT_EQ(qvn_test::bits(search_cosine_distance(a, b, 3)), qvn_test::bits(expect));
-    EXPECT_NE(expect, 1.0 - 2.0 / std::sqrt(6.0));
-}
-
-TEST(TopKByDistance, MatchesAFullSortWhenDistancesAreDistinct) {
-    for (size_t dim : {2u, 3u, 16u}) {  // dim 1 would only give distances 0 and 2
-        for (int32_t k : {1, 5, 40}) {
-            SCOPED_TRACE(testing::Message() << "dim=" << dim << " k=" << k);
-            const size_t n = 200;
-            const auto corpus = qvn_test::random_doubles(n * dim, 7 + dim);
-            const auto q = qvn_test::random_doubles(dim, 99);
-            std::vector<double> d(n);
-            for (size_t r = 0; r < n; ++r)
-                d[r] = search_cosine_distance(corpus.data() + r * dim, q.data(), int32_t(dim));
-            std::vector<int32_t> order(n);
-            std::iota(order.begin(), order.end(), 0);
-            std::stable_sort(order.begin(), order.end(),
-                             [&](int32_t x, int32_t y) { return d[x] < d[y]; });
-            const auto got = topk(corpus, dim, q, k);
-            for (int32_t s = 0; s < k; ++s) {
-                EXPECT_EQ(got.idx[s], order[s]) << s;
-                EXPECT_EQ(got.dist[s], d[order[s]]) << s;
+// The scalar scan matches the per-row distance and the AVX2 scan the scalar
+// one, bit for bit, over every element and row tail, with special values in
+// rows 0-7 (AVX2 lanes, not the scalar tail) and with a zero query.
+TEST(RowScan, MatchesThePerRowDistanceBitForBit) {
+    const double a[] = {1, 1, 1}, b[] = {1, 1, 0};  // sqrt(2) * sqrt(3) is not sqrt(6)
+    const double two_roots = 1.0 - 2.0 / (std::sqrt(2.0) * std::sqrt(3.0));
+    ASSERT_NE(two_roots, 1.0 - 2.0 / std::sqrt(6.0));
+    EXPECT_EQ(bits(search_cosine_distance(a, b, 3)), bits(two_roots));
+    const double body[] = {kNaN, kInf, -kInf, 0, -0.0, 4.9e-324, 0, 1e200},
+                 tail[] = {0.5, -0.25, 1e-310, 0, kNaN, 1e200, 0, -kInf};
+    for (int32_t dim : {1, 3, 4, 5, 8, 9, 17, 129}) {
+        for (size_t n : {0u, 1u, 4u, 5u, 8u, 9u, 13u, 37u}) {
+            Vec rows = qvn_test::random_doubles(n * dim, 7 + dim + n, -1e3, 1e3), one(n + 1, -7.0);
+            for (size_t r = 0; r < std::min<size_t>(n, 8); ++r) {
+                double *row = &rows[r * dim];
+                row[(r * 5) % dim] = body[r];
+                row[dim - 1] = tail[r];
+                if (r == 3 || r == 6) std::fill(row, row + dim, r == 3 ? 0.0 : 1e-310);
+            }
+            for (const Vec &q : {qvn_test::random_doubles(dim, dim, -1e-2, 1e2), Vec(dim, 0.0)}) {
+                SCOPED_TRACE(testing::Message() << "dim " << dim << " n " << n);
+                double q_sq = 0.0;
+                for (double v : q) q_sq += v * v;
+                Vec ref(n + 1, -7.0), got = ref;  // the slot past n stays -7
+                for (size_t r = 0; r < n; ++r)
+                    one[r] = search_cosine_distance(&rows[r * dim], q.data(), dim);
+                scan_distances_scalar(rows.data(), n, dim, q.data(), q_sq, ref.data());
+                EXPECT_EQ(all_bits(ref), all_bits(one));
+#ifdef QVN_SEARCH_HAS_AVX2_SCAN
+                if (!__builtin_cpu_supports("avx2")) continue;
+                scan_distances_avx2(rows.data(), n, dim, q.data(), q_sq, got.data());
+                EXPECT_EQ(all_bits(got), all_bits(ref));
+#endif
             }
         }
     }
 }
 
-TEST(TopKByDistance, ZeroQueryListsTheFirstRowsInOrder) {
-    const auto corpus = qvn_test::random_doubles(10 * 4, 3);
-    const auto got = topk(corpus, 4, {0, 0, 0, 0}, 4);
-    EXPECT_EQ(got.idx, (std::vector<int32_t>{0, 1, 2, 3}));
-    EXPECT_EQ(got.dist, (std::vector<double>(4, 1.0)));
+TEST(TopKByDistance, NearestRowsWithTiesAndUnusedSlots) {
+    const auto topk = [](const Vec &rows, int32_t dim, const Vec &q, int32_t k) {
+        std::pair<Idx, Vec> r{Idx(k, 42), Vec(k, 42.0)};
+        topk_by_distance(&rows[0], rows.size() / dim, dim, &q[0], k, &r.first[0], &r.second[0]);
+        return r;
+    };
+    struct Case { Vec rows, q; int32_t k; Idx idx; Vec dist; };
+    const Case cases[] = {
+        {{1, 0, 0, 1, 5, 0, 3, 0}, {1, 0}, 2, {0, 2}, {0, 0}},  // row 3 ties row 2 for place 2
+        {{0, 1, 1, 0, 2, 0}, {1, 0}, 2, {2, 1}, {0, 0}},        // row 2 takes the slot of row 0
+        {{0.3, 1, 2, 5, 7, 1, 4, 4}, {0, 0}, 3, {0, 1, 2}, {1, 1, 1}},  // zero query
+        {{kNaN, 0, 2, 0, kInf, 1, 0, 1}, {1, 0}, 4, {1, 0, 2, 3}, {0, 1, 1, 1}},
+        {{0, 1, 1, 1, 1, 0}, {1, 0}, 5, {2, 1, 0, -1, -1}, {0, 0.29289321881345254, 1, kInf, kInf}},
+    };
+    for (const Case &c : cases) EXPECT_EQ(topk(c.rows, 2, c.q, c.k), std::pair(c.idx, c.dist));
+    Vec many(600, 1.0);
+    many[581] = 0.0;  // row 290, (1, 0), lies in the second block of the row scan
+    EXPECT_EQ(topk(many, 2, {1, 0}, 1).first, Idx{290});
 }
 
-TEST(TopKByDistance, NonFiniteRowsHaveDistanceOne) {
-    const std::vector<double> corpus{kNaN, 0, 2, 0, kInf, 1, 0, 1};
-    const auto got = topk(corpus, 2, {1, 0}, 4);
-    EXPECT_EQ(got.idx, (std::vector<int32_t>{1, 0, 2, 3}));
-    EXPECT_EQ(got.dist, (std::vector<double>{0, 1, 1, 1}));
-}
-
-TEST(TopKByDistance, TiesKeepTheEarlierRowInItsSlot) {
-    const std::vector<double> q{1, 0};
-    {
-        SCOPED_TRACE("identical rows compete for the last place");
-        const std::vector<double> corpus{1, 0, 0, 1, 5, 0, 3, 0};
-        const auto got = topk(corpus, 2, q, 2);
-        EXPECT_EQ(got.idx, (std::vector<int32_t>{0, 2}));  // row 3 equals row 2: dropped
-    }
-    {
-        SCOPED_TRACE("a later row that displaced a farther one takes its slot");
-        // Row 0 (far) fills slot 0, row 1 slot 1; row 2 ties row 1 and
-        // displaces row 0 in slot 0, so it is listed first.
-        const std::vector<double> corpus{0, 1, 1, 0, 2, 0};
-        const auto got = topk(corpus, 2, q, 2);
-        EXPECT_EQ(got.idx, (std::vector<int32_t>{2, 1}));
-        EXPECT_EQ(got.dist, (std::vector<double>{0, 0}));
-    }
-}
-
-TEST(TopKByDistance, UnusedSlotsTrailWhenKExceedsTheRows) {
-    const std::vector<double> corpus{0, 1, 1, 1, 1, 0};
-    const auto got = topk(corpus, 2, {1, 0}, 5);
-    EXPECT_EQ(got.idx, (std::vector<int32_t>{2, 1, 0, -1, -1}));
-    EXPECT_EQ(got.dist[1], 0.29289321881345254);
-    EXPECT_EQ(got.dist[3], kInf);
-    EXPECT_EQ(got.dist[4], kInf);
-    const auto none = topk({}, 2, {1, 0}, 2);
-    EXPECT_EQ(none.idx, (std::vector<int32_t>{-1, -1}));
-}
-
-namespace {
-
-std::vector<size_t> mmr(const std::vector<double> &corpus, int32_t dim,
-                        const std::vector<double> &relevance, size_t m, double lambda) {
-    std::vector<int32_t> rows(relevance.size());
-    std::iota(rows.begin(), rows.end(), 0);
-    std::vector<size_t> sel(m + 1, 777);
-    const size_t cnt = mmr_select(corpus.data(), dim, rows.data(), relevance.data(),
-                                  relevance.size(), m, sel.data(), lambda);
-    EXPECT_EQ(sel[m], 777u) << "wrote past m";
-    sel.resize(cnt);
-    return sel;
-}
-
-// r0 and r1 nearly coincide, r2 is orthogonal to both.
-const std::vector<double> kTriple{1, 0, 1, 0.01, 0, 1};
-
-}  // namespace
-
-TEST(MmrSelect, LambdaOneIsPureRelevanceOrderWithTiesToTheLowerPosition) {
-    const auto corpus = qvn_test::random_doubles(6 * 3, 5);
-    EXPECT_EQ(mmr(corpus, 3, {0.2, 0.9, 0.5, 0.9, -1, 0.5}, 6, 1.0),
-              (std::vector<size_t>{1, 3, 2, 5, 0, 4}));
-}
-
-TEST(MmrSelect, LambdaZeroPicksTheLeastSimilarAfterTheFirst) {
-    EXPECT_EQ(mmr(kTriple, 2, {0.9, 0.8, 0.1}, 3, 0.0), (std::vector<size_t>{0, 2, 1}));
-    EXPECT_EQ(mmr(kTriple, 2, {0.9, 0.8, 0.1}, 3, 1.0), (std::vector<size_t>{0, 1, 2}));
-}
-
-TEST(MmrSelect, NegativeSimilarityCarriesNoBonus) {
-    // r1 is orthogonal to r0 (similarity 0) and r2 opposite (-1): with
-    // max_sim floored at 0 both score 0 at lambda 0 and the lower wins.
-    const std::vector<double> corpus{1, 0, 0, 1, -1, 0};
-    EXPECT_EQ(mmr(corpus, 2, {0.9, 0.5, 0.5}, 2, 0.0), (std::vector<size_t>{0, 1}));
-}
-
-TEST(MmrSelect, CountIsBoundedByMAndN) {
-    EXPECT_EQ(mmr(kTriple, 2, {0.9, 0.8, 0.1}, 10, 0.5).size(), 3u);
-    EXPECT_EQ(mmr(kTriple, 2, {0.9, 0.8, 0.1}, 2, 0.5).size(), 2u);
-    EXPECT_EQ(mmr(kTriple, 2, {0.9, 0.8, 0.1}, 0, 0.5).size(), 0u);
-    EXPECT_EQ(mmr({}, 2, {}, 4, 0.5).size(), 0u);
-}
-
-TEST(MmrSelect, StopsWhenNoScoreQualifies) {
-    EXPECT_EQ(mmr(kTriple, 2, {kNaN, kNaN, kNaN}, 3, 0.5).size(), 0u);
-    EXPECT_EQ(mmr(kTriple, 2, {kNaN, 0.3, kNaN}, 3, 0.5), (std::vector<size_t>{1}));
-}
-
-TEST(MmrSelect, ScratchFailureSelectsNothing) {
-    for (size_t n : {1u, 2u}) {
-        qvn_test::AllocFailGuard guard(n);
-        EXPECT_EQ(mmr(kTriple, 2, {0.9, 0.8, 0.1}, 3, 0.5).size(), 0u);
-        EXPECT_TRUE(qvn_test::allocation_failed());
-    }
+// Scratch failures are covered through the search driver.
+TEST(MmrSelect, SelectionOrder) {
+    const auto mmr = [](const Vec &rows, const Vec &relevance, size_t m, double lambda) {
+        Idx ids(relevance.size());
+        std::iota(ids.begin(), ids.end(), 0);
+        std::vector<size_t> sel(m);
+        sel.resize(
+            mmr_select(&rows[0], 2, &ids[0], &relevance[0], ids.size(), m, sel.data(), lambda));
+        return sel;
+    };
+    // Rows 0 and 1 of triple nearly coincide, row 2 is orthogonal to both.
+    const Vec triple{1, 0, 1, 0.01, 0, 1}, axes{1, 0, 0, 1, -1, 0};
+    const Vec any = qvn_test::random_doubles(12, 5);
+    struct Case { Vec rows, relevance; size_t m; double lambda; std::vector<size_t> sel; };
+    const Case cases[] = {
+        {any, {0.2, 0.9, 0.5, 0.9, -1, 0.5}, 6, 1.0, {1, 3, 2, 5, 0, 4}},
+        {triple, {0.1, 0.9, 0.5}, 3, 0.0, {1, 2, 0}},  // the first pick is by relevance alone
+        {triple, {0.9, 0.8, 0.1}, 10, 0.5, {0, 2, 1}},
+        {axes, {0.9, 0.5, 0.5}, 3, 0.0, {0, 1, 2}},  // a negative similarity is no bonus
+        {triple, {0.9, 0.8, 0.1}, 0, 0.5, {}},
+        {triple, {kNaN, 0.3, kNaN}, 3, 0.5, {1}},
+    };
+    for (const Case &c : cases) EXPECT_EQ(mmr(c.rows, c.relevance, c.m, c.lambda), c.sel);
 }

@@ -1,10 +1,9 @@
+// The text inputs: query and corpus text, and the JSON parameters.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
-#include <limits>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,302 +12,119 @@
 
 namespace {
 
-// An exact-size heap copy with no terminator, so a read past the range is
-// caught by the address sanitizer.
-struct Bytes {
-    explicit Bytes(const std::string &s) : len(s.size()), data(new char[s.size() ? s.size() : 1]) {
-        std::memcpy(data.get(), s.data(), s.size());
+// Parses text, followed by a '9' that must not be read, as a vector (dim < 0)
+// or a corpus of that expected dimension. Renders "%g" values, rows split by
+// ';', then '|' and the dimension for a corpus; or the message without its
+// "quorvane: ".
+std::string parse(const std::string &text, int dim) {
+    const std::string bytes = text + "9";
+    char msg[QVN_ERRMSG_SIZE] = "";
+    double *v = nullptr;
+    size_t n = 1, got_dim = 0;
+    if (!(dim < 0 ? parse_vector_csv(bytes.data(), text.size(), &v, &got_dim, msg)
+                  : parse_corpus(bytes.data(), text.size(), dim, &v, &n, &got_dim, msg)))
+        return v == nullptr && std::string(msg, 10) == "quorvane: " ? msg + 10 : "bad failure";
+    std::string out;
+    for (size_t i = 0; i < n * got_dim; ++i) {
+        char buf[32];
+        std::snprintf(buf, sizeof buf, "%s%g", i == 0 ? "" : i % got_dim ? " " : ";", v[i]);
+        out += buf;
     }
-    size_t len;
-    std::unique_ptr<char[]> data;
-};
-
-struct VectorResult {
-    bool ok = false;
-    std::vector<double> values;
-    std::string msg;
-};
-
-VectorResult parse_vector(const std::string &text) {
-    Bytes b(text);
-    char msg[QVN_ERRMSG_SIZE] = "untouched";
-    double *values = nullptr;
-    size_t count = 0;
-    VectorResult r;
-    r.ok = parse_vector_csv(b.data.get(), b.len, &values, &count, msg);
-    if (r.ok) {
-        r.values.assign(values, values + count);
-        std::free(values);
-    }
-    r.msg = msg;
-    return r;
+    std::free(v);
+    return dim < 0 ? out : out + "|" + std::to_string(got_dim);
 }
-
-struct CorpusResult {
-    bool ok = false;
-    std::vector<std::vector<double>> rows;
-    size_t dim = 0;
-    bool rows_null = false;
-    std::string msg;
-};
-
-CorpusResult parse_rows(const std::string &text, size_t expected_dim) {
-    Bytes b(text);
-    char msg[QVN_ERRMSG_SIZE] = "untouched";
-    double *rows = reinterpret_cast<double *>(&msg);  // must be overwritten on success
-    size_t n = 99, dim = 99;
-    CorpusResult r;
-    r.ok = parse_corpus(b.data.get(), b.len, expected_dim, &rows, &n, &dim, msg);
-    if (r.ok) {
-        r.rows_null = rows == nullptr;
-        for (size_t i = 0; i < n; ++i) r.rows.emplace_back(rows + i * dim, rows + (i + 1) * dim);
-        r.dim = dim;
-        std::free(rows);
-    }
-    r.msg = msg;
-    return r;
-}
-
-using Rows = std::vector<std::vector<double>>;
 
 }  // namespace
 
-TEST(ParseVector, AcceptsSeparatorsAndBracketsAnywhere) {
-    const std::vector<double> one_two_three{1, 2, 3};
-    for (const char *text : {"1,2,3", "[1 2 3]", "1\t2\n3", "[[1],[2],[3]]", " ,1,,2\r\n3,]",
-                             "]]1[2[3[", "1 ,\t2 ] [ 3"}) {
-        SCOPED_TRACE(text);
-        const auto r = parse_vector(text);
-        ASSERT_TRUE(r.ok) << r.msg;
-        EXPECT_EQ(r.values, one_two_three);
-    }
-}
-
-TEST(ParseVector, NumbersFollowTheConversionNotTheSeparators) {
-    struct Case {
-        const char *text;
-        std::vector<double> expect;
-    };
+TEST(ParseText, ToleratesLayoutAndRejectsWhatTheConversionCannotRead) {
+    const std::string none = "vector must have at least one element", range = "value out of range",
+                      near = "invalid number near ", two = "1 2;3 4|2";
+    struct Case { std::string text; int dim; std::string expect; };
     const Case cases[] = {
-        {"1-2", {1, -2}},
-        {"1.5.5", {1.5, 0.5}},
-        {"+3e2,-.25E-1", {300, -0.025}},
-        {"0x1p3 0x.8", {8, 0.5}},
-        {"\v7", {7}},           // leading vertical tab is absorbed by the conversion
-        {"\f-1,\v\f2", {-1, 2}},
-        {"1e308", {1e308}},
+        {"[1 2 3]", -1, "1 2 3"}, {"]]1[2[[3", -1, "1 2 3"}, {" ,1,,2\r\n3,]\t", -1, "1 2 3"},
+        {"1-2", -1, "1 -2"}, {"1.5.5", -1, "1.5 0.5"}, {"+3e2,-.25E-1", -1, "300 -0.025"},
+        {"0x1p3 0x.8", -1, "8 0.5"}, {"\v7", -1, "7"}, {"\f-1,\v\f2", -1, "-1 2"},
+        {"inf,-Infinity,NaN,nan(7),INF", -1, "inf -inf nan nan inf"},
+        {std::string("1,2\0,3,x", 8), -1, "1 2"}, {"", -1, none}, {"[ , ]\t\n", -1, none},
+        {std::string("\0 1", 3), -1, none}, {"1e999", -1, range}, {"1e-400", -1, range},
+        {"0x1p99999", -1, range}, {"1;2", -1, near + "';2'"}, {"[1, 2, x]", -1, near + "'x]'"},
+        {"in", -1, near + "'in'"}, {"1,\v", -1, near + "'\v'"}, {"- 1", -1, near + "'- 1'"},
+        {"1 abcdefghijklmnopqrstuvwxyz", -1, near + "'abcdefghijklmnopqrst'"},
+        {"[[1,2],[3,4]]", 0, two}, {"1,2;;3,4;", 2, two}, {"[[1 2][3 4]]", 0, two},
+        {" \n[ [1,2] , [3,4] ] \n", 0, two}, {"[[1,2],[3,4]", 0, two}, {"[1,2];[3,4]", 0, two},
+        {"[[[1,2]],[[3,4]]]", 0, two}, {"[[1,,2,],[,3,4]]", 0, two},
+        {std::string("1,2\0 9;3,4", 10), 2, two}, {"[1,2],[3,4]", 0, "1 2 3 4|4"},
+        {"1,2\n3,4", 0, "1 2 3 4|4"}, {"1;2;3", 0, "1;2;3|1"}, {"", 3, "|3"}, {" \t\r\n", 3, "|3"},
+        {"[ ] [[ ]]", 3, "|3"}, {"[[", 3, "|3"}, {" ; ;; ", 3, "|3"}, {"[[],[]]", 3, "|3"},
+        {"1,2;3", 2, "corpus row 1 has dim 1, expected 2"},
+        {"1,2;;3,4;5,6,7", 0, "corpus row 2 has dim 3, expected 2"},
+        {"[[1],[2,3]]", 0, "corpus row 1 has dim 2, expected 1"}, {"1,2;a,b", 2, near + "'a,b'"},
+        {"1; ,[ ]", 1, none}, {std::string("1,2;\0 9;3,4", 11), 2, none},  // commas stay in rows
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.text);
-        const auto r = parse_vector(c.text);
-        ASSERT_TRUE(r.ok) << r.msg;
-        EXPECT_EQ(r.values, c.expect);
-    }
+    for (const Case &c : cases) EXPECT_EQ(parse(c.text, c.dim), c.expect) << c.text;
 }
 
-TEST(ParseVector, InfinityAndNanWordsPassThroughInAnyCase) {
-    const auto r = parse_vector("inf,-Infinity,NaN,nan(7),INF");
-    ASSERT_TRUE(r.ok) << r.msg;
-    ASSERT_EQ(r.values.size(), 5u);
-    EXPECT_EQ(r.values[0], std::numeric_limits<double>::infinity());
-    EXPECT_EQ(r.values[1], -std::numeric_limits<double>::infinity());
-    EXPECT_TRUE(std::isnan(r.values[2]));
-    EXPECT_TRUE(std::isnan(r.values[3]));
-    EXPECT_EQ(r.values[4], std::numeric_limits<double>::infinity());
-}
-
-TEST(ParseVector, FailuresReportTheirMessage) {
-    struct Case {
-        std::string text;
-        const char *msg;
-    };
-    const Case cases[] = {
-        {"", "quorvane: vector must have at least one element"},
-        {"[ , ]\t\n", "quorvane: vector must have at least one element"},
-        {std::string("\0 1", 3), "quorvane: vector must have at least one element"},
-        {"1e999", "quorvane: value out of range"},
-        {"1,-1e999", "quorvane: value out of range"},
-        {"1e-400", "quorvane: value out of range"},
-        {"0x1p99999", "quorvane: value out of range"},
-        {"1;2", "quorvane: invalid number near ';2'"},
-        {"[1, 2, x]", "quorvane: invalid number near 'x]'"},
-        {"1 abcdefghijklmnopqrstuvwxyz", "quorvane: invalid number near 'abcdefghijklmnopqrst'"},
-        {"in", "quorvane: invalid number near 'in'"},
-        {"1,\v", "quorvane: invalid number near '\v'"},
-        {"2 \f;", "quorvane: invalid number near '\f;'"},
-        {"- 1", "quorvane: invalid number near '- 1'"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.text);
-        const auto r = parse_vector(c.text);
-        EXPECT_FALSE(r.ok);
-        EXPECT_EQ(r.msg, c.msg);
-    }
-}
-
-TEST(ParseVector, NulInsideTheRangeEndsTheVector) {
-    const auto r = parse_vector(std::string("1,2\0,3,x", 8));
-    ASSERT_TRUE(r.ok) << r.msg;
-    EXPECT_EQ(r.values, (std::vector<double>{1, 2}));
-}
-
-TEST(ParseVector, ReadsOnlyTheGivenBytes) {
-    const char text[] = "1,2,39";
-    double *values = nullptr;
-    size_t count = 0;
-    char msg[QVN_ERRMSG_SIZE];
-    ASSERT_TRUE(parse_vector_csv(text, 5, &values, &count, msg));
-    EXPECT_EQ(std::vector<double>(values, values + count), (std::vector<double>{1, 2, 3}));
-    std::free(values);
-}
-
-TEST(ParseVector, GrowsPastTheFirstCapacity) {
-    std::string text;
-    std::vector<double> expect;
-    for (int i = 0; i < 100; ++i) {
-        text += std::to_string(i * 0.5) + (i % 3 ? "," : " ");
-        expect.push_back(i * 0.5);
-    }
-    const auto r = parse_vector(text);
-    ASSERT_TRUE(r.ok) << r.msg;
-    EXPECT_EQ(r.values, expect);
-}
-
-TEST(ParseVector, AllocationFailuresFreeEverythingAndSayWhich) {
-    std::string text;
-    for (int i = 0; i < 40; ++i) text += "1,";
-    const char *expected[] = {"quorvane: oom parsing vector", "quorvane: oom parsing vector",
-                              "quorvane: oom growing vector", "quorvane: oom growing vector"};
-    Bytes b(text);
-    const size_t failing_runs = qvn_test::for_each_allocation_failure([&](size_t n) {
-        char msg[QVN_ERRMSG_SIZE] = "";
-        double *values = nullptr;
-        size_t count = 7;
-        const bool ok = parse_vector_csv(b.data.get(), b.len, &values, &count, msg);
-        if (qvn_test::allocation_failed()) {
-            EXPECT_FALSE(ok);
-            EXPECT_STREQ(msg, expected[n - 1]);
-            EXPECT_EQ(values, nullptr);
-            EXPECT_EQ(count, 7u);
-        } else {
-            std::free(values);
-        }
-        return ok;
-    });
-    EXPECT_EQ(failing_runs, 4u);  // copy, first array, growth to 32, growth to 64
-}
-
-TEST(ParseCorpus, SplitsRowsOnSemicolonsOrOuterBrackets) {
-    struct Case {
-        const char *text;
-        Rows expect;
-    };
-    const Case cases[] = {
-        {"[[1,2],[3,4]]", {{1, 2}, {3, 4}}},
-        {"1,2;3,4", {{1, 2}, {3, 4}}},
-        {"1,2;;3,4;", {{1, 2}, {3, 4}}},
-        {" \n[ [1,2] , [3,4] ] \n", {{1, 2}, {3, 4}}},
-        {"[[1 2][3 4]]", {{1, 2}, {3, 4}}},
-        {"[[1,2];[3,4]]", {{1, 2}, {3, 4}}},
-        {"[[1,2],[3,4]", {{1, 2}, {3, 4}}},
-        {"[[[1,2]],[[3,4]]]", {{1, 2}, {3, 4}}},
-        {"[1,2],[3,4]", {{1, 2, 3, 4}}},
-        {"1,2\n3,4", {{1, 2, 3, 4}}},
-        {"[1,2];[3,4]", {{1, 2}, {3, 4}}},
-        {"1;2;3", {{1}, {2}, {3}}},
-        {"[[1,,2,],[,3,4]]", {{1, 2}, {3, 4}}},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.text);
-        const auto r = parse_rows(c.text, 0);
-        ASSERT_TRUE(r.ok) << r.msg;
-        EXPECT_EQ(r.rows, c.expect);
-        EXPECT_EQ(r.dim, c.expect[0].size());
-    }
-}
-
-TEST(ParseCorpus, TextWithoutNumbersGivesNoRows) {
-    for (const char *text : {"", " \t\r\n", "[]", "[ ] [[ ]]", "[[", "]]", ";", " ; ;; ",
-                             "[[;]]", ",,,", "[[],[]]"}) {
-        SCOPED_TRACE(text);
-        const auto r = parse_rows(text, 3);
-        ASSERT_TRUE(r.ok) << r.msg;
-        EXPECT_TRUE(r.rows.empty());
-        EXPECT_TRUE(r.rows_null);
-        EXPECT_EQ(r.dim, 3u);
-    }
-}
-
-TEST(ParseCorpus, RowDimensionMustMatch) {
-    struct Case {
-        const char *text;
-        size_t expected_dim;
-        const char *msg;
-    };
-    const Case cases[] = {
-        {"1,2;3", 2, "quorvane: corpus row 1 has dim 1, expected 2"},
-        {"1,2,3", 2, "quorvane: corpus row 0 has dim 3, expected 2"},
-        {"1,2;;3,4;5,6,7", 0, "quorvane: corpus row 2 has dim 3, expected 2"},
-        {"[[1],[2,3]]", 0, "quorvane: corpus row 1 has dim 2, expected 1"},
-        {"1,2;a,b", 2, "quorvane: invalid number near 'a,b'"},
-        {"1,2;3,1e999", 2, "quorvane: value out of range"},
-        {"[[1,2],[3;4]]", 2, "quorvane: corpus row 1 has dim 1, expected 2"},
-        // The head trim drops blanks and '[' but not commas.
-        {"1; ,[ ]", 1, "quorvane: vector must have at least one element"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.text);
-        const auto r = parse_rows(c.text, c.expected_dim);
-        EXPECT_FALSE(r.ok);
-        EXPECT_EQ(r.msg, c.msg);
-    }
-}
-
-TEST(ParseCorpus, NulInsideARowEndsThatRowOnly) {
-    const auto r = parse_rows(std::string("1,2\0 9;3,4", 10), 2);
-    ASSERT_TRUE(r.ok) << r.msg;
-    EXPECT_EQ(r.rows, (Rows{{1, 2}, {3, 4}}));
-    const auto empty = parse_rows(std::string("1,2;\0 9;3,4", 11), 2);
-    EXPECT_FALSE(empty.ok);
-    EXPECT_EQ(empty.msg, "quorvane: vector must have at least one element");
-}
-
-TEST(ParseCorpus, GrowsThroughManyRows) {
-    std::string text = "[";
-    Rows expect;
+// Both arrays double from 16: 70 values grow three times; 70 rows take a
+// first block after row 0 and grow after rows 16, 32 and 64, each row costing
+// a copy and an array. Run n fails the n-th allocation.
+TEST(ParseText, GrowthDoublesAndFailedAllocationsSayWhich) {
+    std::string values, rows = "[", expect;
     for (int i = 0; i < 70; ++i) {
-        text += "[" + std::to_string(i) + "," + std::to_string(-i) + ",0.5]";
-        expect.push_back({double(i), double(-i), 0.5});
+        values += std::to_string(i) + ",";
+        rows += "[" + std::to_string(i) + "," + std::to_string(-i) + ",0.5]";
+        expect += (i ? ";" : "") + std::to_string(i) + " " + std::to_string(-i) + " 0.5";
     }
-    text += "]";
-    const auto r = parse_rows(text, 3);
-    ASSERT_TRUE(r.ok) << r.msg;
-    EXPECT_EQ(r.rows, expect);
+    rows += "]";
+    EXPECT_EQ(parse(rows, 0), expect + "|3");
+    for (int dim : {-1, 3}) {
+        std::vector<size_t> growth;
+        const size_t failures = qvn_test::for_each_allocation_failure([&](size_t n) {
+            const std::string out = parse(dim < 0 ? values : rows, dim);
+            if (out.find("oom growing") != std::string::npos) growth.push_back(n);
+            EXPECT_TRUE(!qvn_test::allocation_failed() || out.rfind("oom ", 0) == 0);
+            return !qvn_test::allocation_failed();
+        });
+        using Runs = std::vector<size_t>;
+        EXPECT_EQ(growth, (dim < 0 ? Runs{3, 4, 5} : Runs{3, 36, 69, 134}));
+        EXPECT_EQ(failures, dim < 0 ? 5u : 144u);
+    }
 }
 
-TEST(ParseCorpus, AllocationFailuresFreeEverythingAndSayWhich) {
-    std::string text;
-    for (int i = 0; i < 20; ++i) text += "1,2;";
-    Bytes b(text);
-    size_t failing_runs = qvn_test::for_each_allocation_failure([&](size_t n) {
-        char msg[QVN_ERRMSG_SIZE] = "";
-        double *rows = nullptr;
-        size_t count = 5, dim = 5;
-        const bool ok = parse_corpus(b.data.get(), b.len, 2, &rows, &count, &dim, msg);
-        if (qvn_test::allocation_failed()) {
-            EXPECT_FALSE(ok);
-            // Each row costs two allocations (copy and values); the block
-            // follows row 0 (the 3rd) and row 16 (the 3 + 15 * 2 + 3 = 36th).
-            const bool block = n == 3 || n == 36;
-            EXPECT_STREQ(msg, block ? "quorvane: oom growing corpus" : "quorvane: oom parsing vector")
-                << n;
-            EXPECT_EQ(rows, nullptr);
-            EXPECT_EQ(count, 5u);
-        } else {
-            std::free(rows);
-        }
-        return ok;
-    });
-    // 20 rows * 2 + the initial block + one growth.
-    EXPECT_EQ(failing_runs, 42u);
+// kind p: the value position of "seed" (-1: not found); i, r, b: the value of
+// the integer (default 30), real (default 0.5) and boolean scanners. A text
+// not starting with '{' or '"' follows {"seed":.
+TEST(JsonParams, ScannersFollowTheByteRules) {
+    struct Case { std::string text; char kind; double expect; };
+    const Case cases[] = {
+        {"5}", 'p', 8}, {"{\"seed\" \t\r\n: \n 5}", 'p', 15}, {"", 'p', 8}, {"   ", 'p', 11},
+        {R"({"seed" 5, "seed": 6})", 'p', 19}, {R"({"a":{"seed":1},"seed":2})", 'p', 13},
+        {R"({"n":"seed":3})", 'p', 12}, {R"({"seed"})", 'p', -1}, {R"({"Seed":1})", 'p', -1},
+        {R"({" seed":1})", 'p', -1}, {R"({"se\ed":1})", 'p', -1}, {R"("seed")", 'p', -1},
+        {"200}", 'i', 200}, {"\"200\"}", 'i', 30}, {"2e2}", 'i', 2}, {"30.9}", 'i', 30},
+        {"-5}", 'i', -5}, {"+-5}", 'i', 0}, {"true}", 'i', 30}, {" 12", 'i', 12}, {"", 'i', 30},
+        {"99999999999}", 'i', INT32_MAX}, {"-99999999999}", 'i', INT32_MIN},
+        {std::string(29, '0') + "42}", 'i', 42}, {std::string(30, '0') + "42}", 'i', 4},
+        {".25}", 'r', 0.25}, {"\"x\"}", 'r', 0.5}, {"-1.5e-1}", 'r', -0.15}, {"-}", 'r', 0},
+        {"1.5.5}", 'r', 1.5}, {"nan}", 'r', 0.5}, {"0x10}", 'r', 0}, {"1e999}", 'r', INFINITY},
+        {"12", 'r', 12}, {"1" + std::string(62, '0') + "5}", 'r', 1e62},
+        {"true}", 'b', 1}, {" truely}", 'b', 1}, {R"({"x":{"seed":true}})", 'b', 1},
+        {R"("seed":true)", 'b', 1}, {"True}", 'b', 0}, {"\"true\"}", 'b', 0}, {"1}", 'b', 0},
+        {"tru", 'b', 0},
+    };
+    for (const Case &c : cases) {
+        const bool whole = !c.text.empty() && (c.text[0] == '{' || c.text[0] == '"');
+        const std::string text = (whole ? "" : R"({"seed":)") + c.text;
+        const std::string bytes = text + "9";  // a digit past the end must not be read
+        const char *s = bytes.data();
+        const size_t n = text.size();
+        size_t pos = 0;
+        const double got = c.kind == 'i'   ? json_get_int(s, n, "seed", 30)
+                           : c.kind == 'r' ? json_get_double(s, n, "seed", 0.5)
+                           : c.kind == 'b' ? json_get_bool(s, n, "seed")
+                           : json_find_key(s, n, "seed", &pos) ? double(pos) : -1.0;
+        EXPECT_EQ(got, c.expect) << text;
+    }
+    const std::string key(70, 'k'), text = "{\"" + key.substr(0, 64) + "\":7}";  // 64 bytes count
+    EXPECT_EQ(json_get_int(text.data(), text.size(), key.c_str(), 30), 7);
+    EXPECT_EQ(json_get_double(nullptr, 100, "seed", 0.5), 0.5);
 }
