@@ -47,10 +47,17 @@ void BM_TopKByDistance(benchmark::State &state) {
 // The distance scan alone, per ISA, over the whole corpus in blocks.
 template <bool Avx2>
 void BM_RowScan(benchmark::State &state) {
+#ifdef QVN_SEARCH_HAS_AVX2_SCAN
     if (Avx2 && !__builtin_cpu_supports("avx2")) {
         state.SkipWithError("no AVX2");
         return;
     }
+#else
+    if (Avx2) {
+        state.SkipWithError("no AVX2 scan on this architecture");
+        return;
+    }
+#endif
     const Data &d = data_for(state.range(0), state.range(1));
     const int32_t dim = static_cast<int32_t>(d.dim);
     double query_sq = 0.0;
@@ -59,8 +66,13 @@ void BM_RowScan(benchmark::State &state) {
     for (auto _ : state) {
         for (size_t base = 0; base < d.n_rows; base += 256) {
             const size_t m = d.n_rows - base < 256 ? d.n_rows - base : 256;
+#ifdef QVN_SEARCH_HAS_AVX2_SCAN
             (Avx2 ? scan_distances_avx2 : scan_distances_scalar)(
                 d.corpus.data() + base * d.dim, m, dim, d.query.data(), query_sq, out.data());
+#else
+            scan_distances_scalar(d.corpus.data() + base * d.dim, m, dim, d.query.data(),
+                                  query_sq, out.data());
+#endif
             benchmark::DoNotOptimize(out.data());
         }
     }
