@@ -47,6 +47,7 @@ TEST(PortfolioFitness, HoldsTheKLargestClippedCoordinates) {
     const double var = 0.75 * (0.09 * 0.75 + 0.01 * 0.25) + 0.25 * (0.01 * 0.75 + 0.04 * 0.25);
     EXPECT_EQ(fitness({0.25, 0.75}, 2, r2, cov2, &w), -(0.2 * 0.75 + 0.1 * 0.25) / std::sqrt(var));
     EXPECT_TRUE(std::isnan(fitness({0.5, 0.5}, 2, r2, {0.04, NAN, NAN, 0.09}, &w)));
+    EXPECT_EQ(fitness({1, 0}, 2, r2, {0.04, 0, NAN, NAN}, &w), -0.1 / 0.2);  // weight 0: no row
 }
 
 // n = k = 1: weight 1 and r / sigma, or r / 1e-6 below the variance floor.
