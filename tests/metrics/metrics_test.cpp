@@ -1,5 +1,4 @@
-// Hand-worked values and independent references for the metrics, then every
-// metric call on a hand-worked input and that input spoiled one way at a time.
+// Hand-worked values and references, then each metric call spoiled one way at a time.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -85,7 +84,6 @@ enum { kDfa = 1, kDrift = 2, kBox = 4, kMorph = 8, kLac = 16, kHull = 32, kFold 
 
 const Reals x = random_doubles(300, 9), c2 = two_clusters(2, true), c3 = two_clusters(3, true);
 const Reals c4 = two_clusters(4, true), plane = two_clusters(3), flat(100, 1.0), same(24, .25);
-// k3: N = 2, 2, 3, 3, ... for its nine points; 3N = n from the third scale.
 const Reals k3 = {0, 0, 0, 0, 1, 1, 1, 1, 0.2}, line = {0, 0, 0, 1, 1, 1, 2, 2, 2, 5, 5, 5};
 const Reals tiny = {0, 0, 0, 1e-10, 0, 0, 0, 1e-10, 0, 0, 0, 1e-10};
 const Reals cube = {0, 0, 0, 1, 0, 0, 0, 1, 0, 1, 1, 0, 0, 0, 1, 1, 0, 1, 0, 1, 1, 1, 1, 1};
@@ -186,9 +184,8 @@ TEST(BoxCount, KeysOutsideSigned64BitAreRejected) {
     }
 }
 
-// Sizes 4, 5, 6, 8, 9, 11, ... up to floor(n / 4); drift compares the last
-// w samples with all before them; white noise (here uniform) scales with
-// 1/2, its running sum with 3/2.
+// Sizes 4, 5, 6, 8, 9, 11, ... up to floor(n / 4); drift: the last w samples against
+// all before them; white noise (uniform here) scales with 1/2, its running sum 3/2.
 TEST(Dfa, SegmentSizesDriftAndKnownExponents) {
     auto x = random_doubles(4096, 1);
     double a = kU, b = kU, out[3];

@@ -51,10 +51,9 @@ TEST(PortfolioFitness, HoldsTheKLargestClippedCoordinates) {
     EXPECT_EQ(fitness({1, 0}, 2, r2, {0.04, 0, NAN, NAN}, &w), -0.1 / 0.2);  // weight 0: no row
 }
 
-// n = k = 1: weight 1 and r / sigma, with the variance floored at 1e-12.
-// Uncorrelated assets with r / sigma = 0.5, 0.6, 0.8, 0.1: asset 2 alone is
-// best for k = 1, and no mix beats sqrt(sum (r / sigma)^2). A seed counts by
-// its low 53 bits; _ex with opposition and walk 0 is the plain call.
+// n = k = 1: weight 1, ratio r / sigma (variance floored at 1e-12). Uncorrelated
+// assets, r / sigma = 0.5, 0.6, 0.8, 0.1: asset 2 alone is best for k = 1; no mix
+// beats sqrt(sum (r / sigma)^2). Seeds count by their low 53 bits; _ex(0, 0) = plain.
 TEST(Portfolio, KnownOptimaValidWeightsAndDeterminism) {
     for (const double var : {0.09, 2e-12, 5e-13}) {
         const double r = 0.3;
