@@ -10,6 +10,12 @@
 // dimension is the least-squares slope with sums in scale order; a zero
 // denominator is -1.
 //
+// The row sort partitions three ways (below, equal to, above the pivot): the
+// rows of a box holding m points are settled in one pass, where a two-way
+// split would cost m^2 / 2 comparisons. Rows that compare equal are
+// identical, so the sorted keys, and with them every count and result, are
+// exactly those of any other correct sort.
+//
 // Keys that do not exist: when floor(x / eps) is NaN (a NaN or infinite
 // coordinate) or lies outside the signed 64-bit range, the call is rejected
 // with -1 rather than clamped. A clamped key would silently merge distant
@@ -39,8 +45,10 @@ inline void row_swap(int64_t *a, int64_t *b, size_t d) noexcept {
 
 }  // namespace
 
-// Quicksort on rows: median of three, Lomuto partition, recursion into the
-// smaller side and a loop over the larger, so the stack stays logarithmic.
+// Quicksort on rows: median of three, then one left-to-right three-way
+// partition (Dijkstra's) into rows below, equal to and above the pivot.
+// Only the outer parts are sorted further: the smaller by recursion, the
+// larger by the loop, so the stack stays logarithmic.
 void cell_sort(int64_t *keys, size_t d, int64_t lo, int64_t hi) noexcept {
     auto row = [keys, d](int64_t r) { return keys + static_cast<size_t>(r) * d; };
     while (hi > lo) {
@@ -50,23 +58,29 @@ void cell_sort(int64_t *keys, size_t d, int64_t lo, int64_t hi) noexcept {
         if (row_compare(row(hi), row(mid), d) < 0) row_swap(row(hi), row(mid), d);
         row_swap(row(mid), row(hi), d);
 
+        // Rows lo..lt-1 are below the pivot, lt..r-1 equal to it, gt+1..hi-1
+        // above it; the pivot stays in row hi until the scan ends.
         const int64_t *pivot = row(hi);
-        int64_t i = lo - 1;
-        for (int64_t r = lo; r < hi; ++r) {
-            if (row_compare(row(r), pivot, d) <= 0) {
-                ++i;
-                row_swap(row(i), row(r), d);
+        int64_t lt = lo, r = lo, gt = hi - 1;
+        while (r <= gt) {
+            const int c = row_compare(row(r), pivot, d);
+            if (c < 0) {
+                row_swap(row(lt++), row(r++), d);
+            } else if (c > 0) {
+                row_swap(row(r), row(gt--), d);
+            } else {
+                ++r;
             }
         }
-        const int64_t p = i + 1;
-        row_swap(row(p), row(hi), d);
+        row_swap(row(gt + 1), row(hi), d);
+        const int64_t below = lt - 1, above = gt + 2;  // equal rows: lt..gt+1
 
-        if (p - lo >= hi - p) {
-            if (hi > p + 1) cell_sort(keys, d, p + 1, hi);
-            hi = p - 1;
+        if (below - lo >= hi - above) {
+            if (hi > above) cell_sort(keys, d, above, hi);
+            hi = below;
         } else {
-            if (p - 1 > lo) cell_sort(keys, d, lo, p - 1);
-            lo = p + 1;
+            if (below > lo) cell_sort(keys, d, lo, below);
+            lo = above;
         }
     }
 }
