@@ -85,6 +85,48 @@ void cell_sort(int64_t *keys, size_t d, int64_t lo, int64_t hi) noexcept {
     }
 }
 
+double qvn::bounding_extent(const double *points, size_t n, size_t d, double *lo,
+                            double *hi) noexcept {
+    for (size_t j = 0; j < d; ++j) lo[j] = hi[j] = points[j];
+    for (size_t i = 1; i < n; ++i) {
+        const double *x = points + i * d;
+        for (size_t j = 0; j < d; ++j) {
+            if (x[j] < lo[j]) lo[j] = x[j];
+            if (x[j] > hi[j]) hi[j] = x[j];
+        }
+    }
+    double extent = 0.0;
+    for (size_t j = 0; j < d; ++j) {
+        const double e = hi[j] - lo[j];
+        if (e > extent) extent = e;
+    }
+    return extent;
+}
+
+int32_t qvn::kept_scales(const double *points, size_t n, size_t d, double extent,
+                         double eps_out[12], size_t boxes_out[12], size_t *m) noexcept {
+    if (n > SIZE_MAX / d) return kKernelNoMem;
+    auto keys = make_scratch<int64_t>(n * d);
+    if (!keys) return kKernelNoMem;
+    *m = 0;
+    for (int k = 1; k <= 12; ++k) {
+        const double eps = std::exp2(-static_cast<double>(k)) * extent;
+        if (eps <= 0.0) continue;
+        for (size_t i = 0; i < n * d; ++i)
+            if (!cell_key(points[i], eps, &keys[i])) return kKernelInvalid;
+        cell_sort(keys.get(), d, 0, static_cast<int64_t>(n - 1));
+        size_t boxes = 1;
+        for (size_t r = 1; r < n; ++r)
+            if (row_compare(&keys[(r - 1) * d], &keys[r * d], d) != 0) ++boxes;
+        if (3 * boxes < n) {
+            eps_out[*m] = eps;
+            boxes_out[*m] = boxes;
+            ++*m;
+        }
+    }
+    return 0;
+}
+
 int32_t qvni_boxcount_dimension(const double *points, size_t n, size_t d,
                                 double *dimension) noexcept {
     if (d == 0 || n < 8 || !points || !dimension) return qvn::kKernelInvalid;
@@ -94,46 +136,20 @@ int32_t qvni_boxcount_dimension(const double *points, size_t n, size_t d,
         auto lo = qvn::make_scratch<double>(d);
         auto hi = qvn::make_scratch<double>(d);
         if (!lo || !hi) return qvn::kKernelNoMem;
-        for (size_t j = 0; j < d; ++j) lo[j] = hi[j] = points[j];
-        for (size_t i = 1; i < n; ++i) {
-            const double *x = points + i * d;
-            for (size_t j = 0; j < d; ++j) {
-                if (x[j] < lo[j]) lo[j] = x[j];
-                if (x[j] > hi[j]) hi[j] = x[j];
-            }
-        }
-        for (size_t j = 0; j < d; ++j) {
-            const double e = hi[j] - lo[j];
-            if (e > extent) extent = e;
-        }
+        extent = qvn::bounding_extent(points, n, d, lo.get(), hi.get());
     }
     if (extent <= 0.0) return qvn::kKernelInvalid;
 
-    if (n > SIZE_MAX / d) return qvn::kKernelNoMem;
-    auto keys = qvn::make_scratch<int64_t>(n * d);
-    if (!keys) return qvn::kKernelNoMem;
-    auto xs = qvn::make_scratch<double>(12);
-    auto ys = qvn::make_scratch<double>(12);
-    if (!xs || !ys) return qvn::kKernelNoMem;
-
-    size_t m = 0;
-    for (int k = 1; k <= 12; ++k) {
-        const double eps = std::exp2(-static_cast<double>(k)) * extent;
-        if (eps <= 0.0) continue;
-        for (size_t i = 0; i < n * d; ++i)
-            if (!qvn::cell_key(points[i], eps, &keys[i])) return qvn::kKernelInvalid;
-        cell_sort(keys.get(), d, 0, static_cast<int64_t>(n - 1));
-        size_t boxes = 1;
-        for (size_t r = 1; r < n; ++r)
-            if (row_compare(&keys[(r - 1) * d], &keys[r * d], d) != 0) ++boxes;
-        if (3 * boxes < n) {
-            xs[m] = std::log(1.0 / eps);
-            ys[m] = std::log(static_cast<double>(boxes));
-            ++m;
-        }
-    }
-    keys.reset();
+    double eps[12];
+    size_t boxes[12], m = 0;
+    const int32_t rc = qvn::kept_scales(points, n, d, extent, eps, boxes, &m);
+    if (rc != 0) return rc;
     if (m < 3) return qvn::kKernelInvalid;
+    double xs[12], ys[12];
+    for (size_t i = 0; i < m; ++i) {
+        xs[i] = std::log(1.0 / eps[i]);
+        ys[i] = std::log(static_cast<double>(boxes[i]));
+    }
 
     double sx = 0.0, sy = 0.0, sxx = 0.0, sxy = 0.0;
     for (size_t i = 0; i < m; ++i) {
@@ -142,8 +158,6 @@ int32_t qvni_boxcount_dimension(const double *points, size_t n, size_t d,
         sxx += xs[i] * xs[i];
         sxy += xs[i] * ys[i];
     }
-    xs.reset();
-    ys.reset();
     const double md = static_cast<double>(m);
     const double den = md * sxx - sx * sx;
     if (den == 0.0) return qvn::kKernelInvalid;

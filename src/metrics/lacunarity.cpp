@@ -26,46 +26,13 @@ int32_t qvni_lacunarity_fixed_grid(const double *points, size_t n, size_t d,
     auto lo = qvn::make_scratch<double>(d);
     auto hi = qvn::make_scratch<double>(d);
     if (!lo || !hi) return qvn::kKernelNoMem;
-    for (size_t j = 0; j < d; ++j) lo[j] = hi[j] = points[j];
-    for (size_t i = 1; i < n; ++i) {
-        const double *x = points + i * d;
-        for (size_t j = 0; j < d; ++j) {
-            if (x[j] < lo[j]) lo[j] = x[j];
-            if (x[j] > hi[j]) hi[j] = x[j];
-        }
-    }
-    double extent = 0.0;
-    for (size_t j = 0; j < d; ++j) {
-        const double e = hi[j] - lo[j];
-        if (e > extent) extent = e;
-    }
+    const double extent = qvn::bounding_extent(points, n, d, lo.get(), hi.get());
     if (extent <= 0.0) return qvn::kKernelInvalid;
 
-    if (n > SIZE_MAX / d) return qvn::kKernelNoMem;
-    auto keys = qvn::make_scratch<int64_t>(n * d);
-    if (!keys) return qvn::kKernelNoMem;
-
     double accepted[12];
-    size_t m = 0;
-    for (int k = 1; k <= 12; ++k) {
-        const double eps = std::exp2(-static_cast<double>(k)) * extent;
-        if (eps <= 0.0) continue;
-        for (size_t i = 0; i < n * d; ++i)
-            if (!qvn::cell_key(points[i], eps, &keys[i])) return qvn::kKernelInvalid;
-        cell_sort(keys.get(), d, 0, static_cast<int64_t>(n - 1));
-        size_t boxes = 1;
-        for (size_t r = 1; r < n; ++r) {
-            const int64_t *a = &keys[(r - 1) * d], *b = &keys[r * d];
-            for (size_t j = 0; j < d; ++j) {
-                if (a[j] != b[j]) {
-                    ++boxes;
-                    break;
-                }
-            }
-        }
-        if (3 * boxes < n) accepted[m++] = eps;
-    }
-    keys.reset();
+    size_t boxes[12], m = 0;
+    const int32_t rc = qvn::kept_scales(points, n, d, extent, accepted, boxes, &m);
+    if (rc != 0) return rc;
     if (m < 3) return qvn::kKernelInvalid;
     const double eps = accepted[m / 2];
 

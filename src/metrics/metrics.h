@@ -49,6 +49,19 @@ int32_t qvni_morphological_complexity(const double *points, size_t n, size_t d,
 
 namespace qvn {
 
+// Per-axis minimum and maximum of n points (strict comparisons) into lo and
+// hi, and the largest axis extent, replaced only when strictly greater,
+// starting from 0.0 (a NaN extent never wins).
+double bounding_extent(const double *points, size_t n, size_t d, double *lo,
+                       double *hi) noexcept;
+
+// The scale search of box counting and lacunarity: for k = 1..12, eps =
+// exp2(-k) * extent and N = occupied boxes; the (eps, N) of every scale with
+// 3 * N < n, in scale order, with their count in *m. 0, -1 (a key that does
+// not exist), -2.
+int32_t kept_scales(const double *points, size_t n, size_t d, double extent,
+                    double eps_out[12], size_t boxes_out[12], size_t *m) noexcept;
+
 // floor(x / eps) as a cell key. False, with *key untouched, when the floor
 // is NaN or outside the signed 64-bit range; the range is tested on the
 // double before converting, since an out-of-range conversion is undefined.
