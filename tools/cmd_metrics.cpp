@@ -63,6 +63,19 @@ int wrong_files(const char *cmd, size_t want) {
                                      (want == 1 ? "" : "s"));
 }
 
+// The opening every metric command shares: options, --help, the number of
+// input files. Returns -1 to go on, else the exit status.
+int prologue(const char *cmd, int argc, char **argv, bool want_dim, bool want_window,
+             size_t n_files, const char *help, args &a) {
+    if (int rc = parse_args(cmd, argc, argv, want_dim, want_window, a)) return rc;
+    if (a.help) {
+        std::fputs(help, stdout);
+        return 0;
+    }
+    if (a.files.size() != n_files) return wrong_files(cmd, n_files);
+    return -1;
+}
+
 bool load(const char *cmd, const std::string &path, bool raw, std::vector<double> &out,
           int &status) {
     std::string err;
@@ -114,16 +127,12 @@ void print(const char *name, double v) { std::printf("%s %.17g\n", name, v); }
 int cmd_dfa(int argc, char **argv) {
     const char *cmd = "dfa";
     args a;
-    if (int rc = parse_args(cmd, argc, argv, false, false, a)) return rc;
-    if (a.help) {
-        std::printf(
+    const int pre = prologue(cmd, argc, argv, false, false, 1,
             "usage: quorvane dfa FILE [--raw]\n\n"
             "Scaling exponent alpha of detrended fluctuation analysis (first order)\n"
             "of the series in FILE ('-' for standard input). Needs at least 24\n"
-            "samples that are not all equal. Prints: alpha <value>\n");
-        return 0;
-    }
-    if (a.files.size() != 1) return wrong_files(cmd, 1);
+            "samples that are not all equal. Prints: alpha <value>\n", a);
+    if (pre >= 0) return pre;
     std::vector<double> x;
     int status = 0;
     if (!load(cmd, a.files[0], a.raw, x, status)) return status;
@@ -140,16 +149,12 @@ int cmd_dfa(int argc, char **argv) {
 int cmd_drift(int argc, char **argv) {
     const char *cmd = "drift";
     args a;
-    if (int rc = parse_args(cmd, argc, argv, false, true, a)) return rc;
-    if (a.help) {
-        std::printf(
+    const int pre = prologue(cmd, argc, argv, false, true, 1,
             "usage: quorvane drift FILE --window W [--raw]\n\n"
             "DFA exponent of the last W samples (recent) against that of all samples\n"
             "before them (baseline). Both stretches need at least 24 samples.\n"
-            "Prints: drift, alpha_recent and alpha_baseline.\n");
-        return 0;
-    }
-    if (a.files.size() != 1) return wrong_files(cmd, 1);
+            "Prints: drift, alpha_recent and alpha_baseline.\n", a);
+    if (pre >= 0) return pre;
     if (a.window == 0) return cli::usage_error(cmd, "--window W is required");
     std::vector<double> x;
     int status = 0;
@@ -170,16 +175,12 @@ int cmd_drift(int argc, char **argv) {
 int cmd_boxcount(int argc, char **argv) {
     const char *cmd = "boxcount";
     args a;
-    if (int rc = parse_args(cmd, argc, argv, true, false, a)) return rc;
-    if (a.help) {
-        std::printf(
+    const int pre = prologue(cmd, argc, argv, true, false, 1,
             "usage: quorvane boxcount FILE --dim D [--raw]\n\n"
             "Box-counting dimension of the points in FILE, D coordinates per point\n"
             "(row-major). Needs at least 8 points, clumped enough that three of the\n"
-            "twelve scales hold more than three points per box. Prints: dimension\n");
-        return 0;
-    }
-    if (a.files.size() != 1) return wrong_files(cmd, 1);
+            "twelve scales hold more than three points per box. Prints: dimension\n", a);
+    if (pre >= 0) return pre;
     if (a.dim == 0) return cli::usage_error(cmd, "--dim D is required");
     std::vector<double> p;
     int status = 0;
@@ -198,17 +199,13 @@ int cmd_boxcount(int argc, char **argv) {
 int cmd_morph(int argc, char **argv) {
     const char *cmd = "morph";
     args a;
-    if (int rc = parse_args(cmd, argc, argv, true, false, a)) return rc;
-    if (a.help) {
-        std::printf(
+    const int pre = prologue(cmd, argc, argv, true, false, 1,
             "usage: quorvane morph FILE --dim D [--raw]\n\n"
             "Morphological complexity of the points in FILE (D coordinates each):\n"
             "box-counting dimension and fixed-grid lacunarity. When only the\n"
             "lacunarity fails (a grid over 2^24 boxes), the dimension is still\n"
-            "printed before the error. Prints: dimension, lacunarity\n");
-        return 0;
-    }
-    if (a.files.size() != 1) return wrong_files(cmd, 1);
+            "printed before the error. Prints: dimension, lacunarity\n", a);
+    if (pre >= 0) return pre;
     if (a.dim == 0) return cli::usage_error(cmd, "--dim D is required");
     std::vector<double> p;
     int status = 0;
@@ -237,17 +234,13 @@ int cmd_morph(int argc, char **argv) {
 int cmd_hull(int argc, char **argv) {
     const char *cmd = "hull";
     args a;
-    if (int rc = parse_args(cmd, argc, argv, false, false, a)) return rc;
-    if (a.help) {
-        std::printf(
+    const int pre = prologue(cmd, argc, argv, false, false, 1,
             "usage: quorvane hull FILE [--raw]\n\n"
             "Surface area of the convex hull of the 3-D points in FILE (x y z per\n"
             "point). Computed through the cortical folding metric with one\n"
             "non-degenerate triangle of the points as its mesh. Needs four points\n"
-            "that are not coplanar. Prints: hull_area\n");
-        return 0;
-    }
-    if (a.files.size() != 1) return wrong_files(cmd, 1);
+            "that are not coplanar. Prints: hull_area\n", a);
+    if (pre >= 0) return pre;
     std::vector<double> p;
     int status = 0;
     if (!load(cmd, a.files[0], a.raw, p, status)) return status;
@@ -284,16 +277,12 @@ int cmd_hull(int argc, char **argv) {
 int cmd_folding(int argc, char **argv) {
     const char *cmd = "folding";
     args a;
-    if (int rc = parse_args(cmd, argc, argv, false, false, a)) return rc;
-    if (a.help) {
-        std::printf(
+    const int pre = prologue(cmd, argc, argv, false, false, 2,
             "usage: quorvane folding VERTS TRIS [--raw]\n\n"
             "Cortical folding of a triangulated surface: VERTS holds x y z per vertex,\n"
             "TRIS three vertex indices (from 0) per triangle. Prints surface_area,\n"
-            "hull_area (convex hull of all vertices) and ratio (surface / hull).\n");
-        return 0;
-    }
-    if (a.files.size() != 2) return wrong_files(cmd, 2);
+            "hull_area (convex hull of all vertices) and ratio (surface / hull).\n", a);
+    if (pre >= 0) return pre;
     std::vector<double> v;
     std::vector<uint64_t> t;
     int status = 0;
@@ -317,17 +306,13 @@ int cmd_folding(int argc, char **argv) {
 int cmd_vascular(int argc, char **argv) {
     const char *cmd = "vascular";
     args a;
-    if (int rc = parse_args(cmd, argc, argv, false, false, a)) return rc;
-    if (a.help) {
-        std::printf(
+    const int pre = prologue(cmd, argc, argv, false, false, 3,
             "usage: quorvane vascular NODES EDGES LENGTHS [--raw]\n\n"
             "Vessel network metrics: NODES holds x y z per node, EDGES two node\n"
             "indices (from 0) per edge, LENGTHS one positive segment length per edge.\n"
             "Prints mean_tortuosity, branch_density (nodes of degree 3 or more per\n"
-            "unit of vessel length) and dimension (box counting of the nodes).\n");
-        return 0;
-    }
-    if (a.files.size() != 3) return wrong_files(cmd, 3);
+            "unit of vessel length) and dimension (box counting of the nodes).\n", a);
+    if (pre >= 0) return pre;
     std::vector<double> nodes, lengths;
     std::vector<uint64_t> edges;
     int status = 0;
@@ -356,17 +341,13 @@ int cmd_vascular(int argc, char **argv) {
 int cmd_plexus(int argc, char **argv) {
     const char *cmd = "plexus";
     args a;
-    if (int rc = parse_args(cmd, argc, argv, true, false, a)) return rc;
-    if (a.help) {
-        std::printf(
+    const int pre = prologue(cmd, argc, argv, true, false, 2,
             "usage: quorvane plexus NODES EDGES --dim D [--raw]\n\n"
             "Nerve plexus metric: NODES holds D coordinates per node, EDGES two node\n"
             "indices (from 0) per straight edge. Prints length_density and\n"
             "branch_density (per unit volume of the nodes' bounding box) and\n"
-            "dimension (box counting of the nodes).\n");
-        return 0;
-    }
-    if (a.files.size() != 2) return wrong_files(cmd, 2);
+            "dimension (box counting of the nodes).\n", a);
+    if (pre >= 0) return pre;
     if (a.dim == 0) return cli::usage_error(cmd, "--dim D is required");
     std::vector<double> nodes;
     std::vector<uint64_t> edges;
