@@ -103,6 +103,21 @@ double qvn::bounding_extent(const double *points, size_t n, size_t d, double *lo
     return extent;
 }
 
+bool qvn::ols_slope(const double *x, const double *y, size_t m, double *slope) noexcept {
+    double sx = 0.0, sy = 0.0, sxx = 0.0, sxy = 0.0;
+    for (size_t i = 0; i < m; ++i) {
+        sx += x[i];
+        sy += y[i];
+        sxx += x[i] * x[i];
+        sxy += x[i] * y[i];
+    }
+    const double md = static_cast<double>(m);
+    const double den = md * sxx - sx * sx;
+    if (den == 0.0) return false;
+    *slope = (md * sxy - sx * sy) / den;
+    return true;
+}
+
 int32_t qvn::kept_scales(const double *points, size_t n, size_t d, double extent,
                          double eps_out[12], size_t boxes_out[12], size_t *m) noexcept {
     if (n > SIZE_MAX / d) return kKernelNoMem;
@@ -150,18 +165,9 @@ int32_t qvni_boxcount_dimension(const double *points, size_t n, size_t d,
         xs[i] = std::log(1.0 / eps[i]);
         ys[i] = std::log(static_cast<double>(boxes[i]));
     }
-
-    double sx = 0.0, sy = 0.0, sxx = 0.0, sxy = 0.0;
-    for (size_t i = 0; i < m; ++i) {
-        sx += xs[i];
-        sy += ys[i];
-        sxx += xs[i] * xs[i];
-        sxy += xs[i] * ys[i];
-    }
-    const double md = static_cast<double>(m);
-    const double den = md * sxx - sx * sx;
-    if (den == 0.0) return qvn::kKernelInvalid;
-    *dimension = (md * sxy - sx * sy) / den;
+    double slope;
+    if (!qvn::ols_slope(xs, ys, m, &slope)) return qvn::kKernelInvalid;
+    *dimension = slope;
     return 0;
 }
 

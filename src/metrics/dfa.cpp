@@ -110,17 +110,9 @@ int32_t qvni_dfa_alpha(const double *series, size_t n, double *alpha) noexcept {
     sizes.reset();
     if (p < 3) return qvn::kKernelInvalid;
 
-    double sx = 0.0, sy = 0.0, sxx = 0.0, sxy = 0.0;
-    for (size_t i = 0; i < p; ++i) {
-        sx += lx[i];
-        sy += ly[i];
-        sxx += lx[i] * lx[i];
-        sxy += lx[i] * ly[i];
-    }
-    const double pd = static_cast<double>(p);
-    const double den = pd * sxx - sx * sx;
-    if (den == 0.0) return qvn::kKernelInvalid;
-    *alpha = (pd * sxy - sx * sy) / den;
+    double slope;
+    if (!qvn::ols_slope(lx.get(), ly.get(), p, &slope)) return qvn::kKernelInvalid;
+    *alpha = slope;
     return 0;
 }
 

@@ -55,6 +55,11 @@ namespace qvn {
 double bounding_extent(const double *points, size_t n, size_t d, double *lo,
                        double *hi) noexcept;
 
+// Ordinary least-squares slope of y on x over m pairs, sums accumulated in
+// pair order: (m*Sxy - Sx*Sy) / (m*Sxx - Sx^2). False when the denominator
+// is exactly 0.
+bool ols_slope(const double *x, const double *y, size_t m, double *slope) noexcept;
+
 // The scale search of box counting and lacunarity: for k = 1..12, eps =
 // exp2(-k) * extent and N = occupied boxes; the (eps, N) of every scale with
 // 3 * N < n, in scale order, with their count in *m. 0, -1 (a key that does

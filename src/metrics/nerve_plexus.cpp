@@ -24,14 +24,7 @@ int32_t qvni_nerve_plexus_metric(const double *nodes, size_t n, size_t d,
         auto lo = qvn::make_scratch<double>(d);
         auto hi = qvn::make_scratch<double>(d);
         if (!lo || !hi) return qvn::kKernelNoMem;
-        for (size_t j = 0; j < d; ++j) lo[j] = hi[j] = nodes[j];
-        for (size_t i = 1; i < n; ++i) {
-            const double *x = nodes + i * d;
-            for (size_t j = 0; j < d; ++j) {
-                if (x[j] < lo[j]) lo[j] = x[j];
-                if (x[j] > hi[j]) hi[j] = x[j];
-            }
-        }
+        qvn::bounding_extent(nodes, n, d, lo.get(), hi.get());
         for (size_t j = 0; j < d; ++j) {
             const double e = hi[j] - lo[j];
             if (e <= 0.0) return qvn::kKernelInvalid;
